@@ -1,0 +1,91 @@
+#include <HvUtil/HvInputStream.h>
+#include <HvUtil/HvAssertionFailure.h>
+#include <HvUtil/HvByteArray.h>
+#include <HvUtil/HvErrorStream.h>
+#include <HvUtil/HvOutputStream.h>
+
+static HvHandle<HvInputStream> fs_hInputStream;
+
+int HvInputStream::read(void* buffer, unsigned int length, unsigned int offset)
+{
+    unsigned char* target = static_cast<unsigned char*>(buffer) + offset;
+    unsigned int count = 0;
+    try {
+        for (; count < length; ++count) {
+            int byte = read();
+            if (byte == -1)
+                break;
+            target[count] = static_cast<unsigned char>(byte);
+        }
+    } catch (HvHandle<HvException>& e) {
+        if (count == 0)
+            throw;
+        *HvErrorStream::sGetDefault()->getDebugStream(HvString(HvException::sDebugToken), 0)
+            << "catch exception in HvInputStream::read(): " << e->getMessage() << endl;
+        return static_cast<int>(count);
+    }
+    if (count == 0 && length != 0)
+        return -1;
+    return static_cast<int>(count);
+}
+
+unsigned int HvInputStream::skip(unsigned int count)
+{
+    if (count == 0)
+        return 0;
+    unsigned char scratch[64];
+    unsigned int remaining = count;
+    while (remaining > 0) {
+        unsigned int n = remaining < sizeof(scratch) ? remaining : static_cast<unsigned int>(sizeof(scratch));
+        int got = read(scratch, n, 0);
+        if (got == -1)
+            break;
+        if (static_cast<unsigned int>(got) == remaining) {
+            remaining = 0;
+            break;
+        }
+        remaining -= static_cast<unsigned int>(got);
+    }
+    return count - remaining;
+}
+
+unsigned int HvInputStream::available()
+{
+    return 0;
+}
+
+bool HvInputStream::markSupported()
+{
+    return false;
+}
+
+void HvInputStream::mark(unsigned int)
+{
+}
+
+void HvInputStream::reset()
+{
+    HvAssertionFailure::sThrow("HvInputStream::reset()", "HvInputStream.cpp", 102, HV_COMPILE_TIMESTAMP);
+}
+
+int HvInputStream::read(HvHandle<HvByteArray> array, unsigned int offset, unsigned int length)
+{
+    unsigned int size = array->getSize();
+    if (offset > size)
+        offset = size;
+    if (length == 0 || length > size - offset)
+        length = size - offset;
+    return read(array->getData(), length, offset);
+}
+
+HvHandle<HvInputStream> HvInputStream::sGetDefault()
+{
+    return fs_hInputStream;
+}
+
+HvHandle<HvInputStream> HvInputStream::sSetDefault(HvInputStream& stream)
+{
+    HvHandle<HvInputStream> previous = fs_hInputStream;
+    fs_hInputStream = &stream;
+    return previous;
+}

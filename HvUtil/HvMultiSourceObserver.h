@@ -1,0 +1,40 @@
+// Lets one observer (the client) watch several observables: an aggregated
+// observer stands in front of each source and forwards to the client,
+// together with the source that sent.
+#ifndef HVUTIL_HVMULTISOURCEOBSERVER_H
+#define HVUTIL_HVMULTISOURCEOBSERVER_H
+
+#include <HvUtil/HvObservable.h>
+
+#include <vector>
+
+class HvAggregatedObserver;
+class HvMutex;
+
+class HvMultiSourceObserver : public HvObservable {
+public:
+    // Takes the observer's place in front of its old source (if any) and of
+    // `source`. Throws HvSystemError if the mutex cannot be made.
+    HvMultiSourceObserver(HvObserver* observer, HvObservable* source);
+    // Detaches all sources and destroys the mutex.
+    ~HvMultiSourceObserver() override;
+
+    void addSource(HvObservable* source);
+    // Removes the first stand-in attached to `source`; unknown sources are ignored.
+    void removeSource(HvObservable* source);
+    void detachAll();
+
+    // Detaching the client first detaches every source.
+    void detachObserver(HvHandle<HvObserver> observer) override;
+    // Forwards to the client with the real source.
+    void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override;
+
+    // Number of sources.
+    unsigned int countSources() const;
+
+private:
+    std::vector<HvAggregatedObserver*> m_sources;
+    HvMutex* m_pMutex;
+};
+
+#endif

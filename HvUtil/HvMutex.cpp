@@ -1,0 +1,92 @@
+#include <HvUtil/HvMutex.h>
+#include <HvUtil/HvSystemError.h>
+
+#include <Velmora/MemAllocator.h>
+
+#include <sched.h>
+
+#include <new>
+
+HvMutex* HvMutex::sm_pMutex[HvMutex::kPoolSize];
+std::atomic<unsigned int> HvMutex::m_tryLockCount{0};
+std::atomic<unsigned int> HvMutex::m_lockCount{0};
+
+static int fs_MutexInitializationCounter = 0;
+
+namespace {
+
+const unsigned int kSpinAttempts = 5;
+
+} // namespace
+
+HvMutex* HvMutex::sCreate()
+{
+    void* storage = Velmora::DefaultStaticMemAllocator::allocate(sizeof(HvMutex), "HvMutex");
+    HvMutex* mutex = new (storage) HvMutex;
+    try {
+        pthread_mutexattr_t attr;
+        HvSystemError::sCheck(pthread_mutexattr_init(&attr), "pthread_mutexattr_init");
+        HvSystemError::sCheck(pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_PRIVATE),
+                              "pthread_mutexattr_setpshared");
+        HvSystemError::sCheck(pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_NONE),
+                              "pthread_mutexattr_setprotocol");
+        HvSystemError::sCheck(pthread_mutexattr_setprioceiling(&attr, sched_get_priority_max(SCHED_RR)),
+                              "pthread_mutexattr_setprioceiling");
+        HvSystemError::sCheck(pthread_mutex_init(&mutex->m_mutex, &attr), "pthread_mutex_init");
+        HvSystemError::sCheck(pthread_mutexattr_destroy(&attr), "pthread_mutexattr_destroy");
+    } catch (...) {
+        Velmora::DefaultStaticMemAllocator::deallocate(storage, sizeof(HvMutex), "HvMutex");
+        throw;
+    }
+    return mutex;
+}
+
+void HvMutex::sDestroy(HvMutex* mutex)
+{
+    if (!mutex)
+        return;
+    pthread_mutex_destroy(&mutex->m_mutex);
+    mutex->~HvMutex();
+    Velmora::DefaultStaticMemAllocator::deallocate(mutex, sizeof(HvMutex), "HvMutex");
+}
+
+void HvMutex::sInitialize()
+{
+    if (fs_MutexInitializationCounter != 0)
+        return;
+    // Set before building: a failure leaves the pool short and it is never retried.
+    fs_MutexInitializationCounter = 1;
+    for (unsigned int index = 0; index < kPoolSize; ++index)
+        sm_pMutex[index] = sCreate();
+}
+
+int HvMutex::sSpinThenLock(pthread_mutex_t* mutex, bool* blocked)
+{
+    // Sections guarded by these mutexes are short: a few tries usually win
+    // without entering the kernel.
+    for (unsigned int attempt = 0; attempt < kSpinAttempts; ++attempt) {
+        if (pthread_mutex_trylock(mutex) == 0) {
+            if (blocked)
+                *blocked = false;
+            return 0;
+        }
+    }
+    if (blocked)
+        *blocked = true;
+    return pthread_mutex_lock(mutex);
+}
+
+void HvMutex::lock()
+{
+    m_tryLockCount.fetch_add(1, std::memory_order_relaxed);
+    bool blocked = false;
+    int result = sSpinThenLock(&m_mutex, &blocked);
+    if (blocked)
+        m_lockCount.fetch_add(1, std::memory_order_relaxed);
+    HvSystemError::sCheck(result, "pthread_mutex_lock");
+}
+
+void HvMutex::unlock()
+{
+    HvSystemError::sCheck(pthread_mutex_unlock(&m_mutex), "pthread_mutex_unlock");
+}
