@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Builds the library and runs every test suite three times: a plain build, an
+# AddressSanitizer + UndefinedBehaviorSanitizer build and a ThreadSanitizer
+# build. Installs missing Debian packages first (run as root on Debian 12).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(cmake g++ make pkg-config python3 libace-dev liblog4cplus-dev libgtest-dev
+          libbenchmark-dev libconcurrentqueue-dev libc-ares-dev)
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing: ${missing[*]}"
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+fi
+
+jobs=$(nproc)
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_init_order=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+
+run_suite() {
+  local name=$1 dir=$2
+  shift 2
+  echo "=== $name build ==="
+  cmake -S . -B "$dir" "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  ctest --test-dir "$dir" --output-on-failure -j"$jobs"
+}
+
+run_suite "plain" build/plain -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_suite "ASan+UBSan" build/asan -DCMAKE_BUILD_TYPE=Debug -DHV_SANITIZE_ADDRESS=ON
+run_suite "TSan" build/tsan -DCMAKE_BUILD_TYPE=Debug -DHV_SANITIZE_THREAD=ON
+echo "All suites passed (plain, ASan+UBSan, TSan)."
