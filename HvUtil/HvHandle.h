@@ -54,7 +54,8 @@ public:
             previous->Release(true);
     }
     // Conversion assignment; throws HvAssertionFailure
-    // "dynamic_cast failed on HvHandle assignment" when the cast fails.
+    // "dynamic_cast failed on HvHandle assignment" when the cast fails, also
+    // into an empty handle. The handle is then empty and its old object released.
     void assign(const HvObject* source, const HvObject* cast);
 
 protected:
