@@ -6,6 +6,8 @@
 
 #include <HvUtil/HvObject.h>
 
+#include <atomic>
+
 class HvMutex;
 
 class HvHashTableBase : public HvObject {
@@ -43,7 +45,7 @@ public:
     // The first 32-bit word of the entry.
     static unsigned int sDefaultHashFunc(void const* entry);
 
-    unsigned int getCount() const { return m_count; }
+    unsigned int getCount() const { return m_count.load(); }
     unsigned int getBucketCount() const { return m_bucketCount; }
 
     // Walks the entries bucket by bucket, each chain in insertion order. Takes
@@ -94,7 +96,9 @@ private:
     CompareFunc m_compare;
     CopyFunc m_copy;
     unsigned int m_bucketCount;
-    unsigned int m_count;
+    // Shared by all stripes: each stripe lock guards only its own buckets,
+    // so the count is atomic rather than guarded by any one lock.
+    std::atomic<unsigned int> m_count;
     Node** m_pBuckets;
     HvMutex** m_pLocks;
     unsigned int m_lockCount;
