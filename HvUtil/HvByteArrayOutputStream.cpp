@@ -31,7 +31,7 @@ void HvByteArrayOutputStream::write(int byte)
 void HvByteArrayOutputStream::write(const void* buffer, unsigned int length, unsigned int offset)
 {
     Velmora::TraceScope scope(fileLogger(), "HvByteArrayOutputStream::write", "HvByteArrayOutputStream", __LINE__);
-    if (length == 0)
+    if (length == 0 || !buffer)
         return;
     Velmora::Logger& logger = fileLogger();
     bool debug = logger.isEnabledFor(Velmora::Logger::DEBUG);
@@ -42,6 +42,7 @@ void HvByteArrayOutputStream::write(const void* buffer, unsigned int length, uns
         logger.log(Velmora::Logger::DEBUG,
                    "HvByteArrayOutputStream::write : : Capacity left in buffer = " + std::to_string(left),
                    "HvByteArrayOutputStream", __LINE__);
+    HvHandle<HvByteArray> previous;
     if (left < length) {
         if (debug) {
             // Reports the increment, not the new size; log readers know it so.
@@ -54,7 +55,10 @@ void HvByteArrayOutputStream::write(const void* buffer, unsigned int length, uns
                        "HvByteArrayOutputStream::write : : length of current buffer = " + std::to_string(size),
                        "HvByteArrayOutputStream", __LINE__);
         }
-        m_buffer = HvByteArray::sCreate(m_buffer.get(), size + length + kGrowthReserve, 0);
+        // The bytes may come from the buffer being replaced (writeTo(this)):
+        // keep it alive until they are copied.
+        previous = m_buffer;
+        m_buffer = HvByteArray::sCreate(previous.get(), size + length + kGrowthReserve, 0);
     }
     m_buffer->copy(m_count, buffer, length, offset);
     m_count += length;
@@ -62,7 +66,7 @@ void HvByteArrayOutputStream::write(const void* buffer, unsigned int length, uns
 
 void HvByteArrayOutputStream::writeTo(HvOutputStream* out) const
 {
-    if (m_count == 0)
+    if (m_count == 0 || !out)
         return;
     out->write(m_buffer.get(), 0, m_count);
 }

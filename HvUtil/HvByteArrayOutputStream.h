@@ -15,11 +15,12 @@ public:
     ~HvByteArrayOutputStream() override;
 
     void write(int byte) override;
-    // Appends; a buffer that is too small or shared is replaced by a larger copy.
+    // Appends; a buffer that is too small or shared is replaced by a larger
+    // copy. A null buffer writes nothing.
     void write(const void* buffer, unsigned int length, unsigned int offset) override;
     using HvOutputStream::write;
 
-    // Writes the collected bytes to `out`.
+    // Writes the collected bytes to `out` (nothing when none or no `out`).
     void writeTo(HvOutputStream* out) const;
     // A new array holding a copy of the collected bytes.
     HvHandle<HvByteArray> toByteArray() const;

@@ -38,9 +38,10 @@ unsigned int HvInputStream::skip(unsigned int count)
     while (remaining > 0) {
         unsigned int n = remaining < sizeof(scratch) ? remaining : static_cast<unsigned int>(sizeof(scratch));
         int got = read(scratch, n, 0);
-        if (got == -1)
+        // A source that gives nothing now would otherwise be asked forever.
+        if (got <= 0)
             break;
-        if (static_cast<unsigned int>(got) == remaining) {
+        if (static_cast<unsigned int>(got) >= remaining) {
             remaining = 0;
             break;
         }
@@ -70,6 +71,9 @@ void HvInputStream::reset()
 
 int HvInputStream::read(HvHandle<HvByteArray> array, unsigned int offset, unsigned int length)
 {
+    // No array, no room: nothing is read and the stream is left as it is.
+    if (array.isNull())
+        return 0;
     unsigned int size = array->getSize();
     if (offset > size)
         offset = size;

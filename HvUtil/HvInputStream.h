@@ -15,7 +15,8 @@ public:
     // when the stream ended before the first byte. The default reads byte by
     // byte; an HvException after some bytes is logged and the count returned.
     virtual int read(void* buffer, unsigned int length, unsigned int offset);
-    // Reads and discards up to `count` bytes; returns how many were skipped.
+    // Reads and discards up to `count` bytes in 64-byte steps; returns how
+    // many were skipped. Stops early at the end or when a read gives nothing.
     virtual unsigned int skip(unsigned int count);
     // Bytes that can be read without blocking; 0 by default.
     virtual unsigned int available();
@@ -27,7 +28,7 @@ public:
     virtual void reset();
 
     // Reads into the array's bytes from offset; a length of 0 or one beyond
-    // the array means up to its end.
+    // the array means up to its end. A nil array reads nothing and gives 0.
     int read(HvHandle<HvByteArray> array, unsigned int offset, unsigned int length);
 
     // The process-wide default input stream, nil until one is installed.

@@ -21,6 +21,8 @@ void HvOutputStream::flush()
 
 void HvOutputStream::write(HvByteArray* array, unsigned int offset, unsigned int length)
 {
+    if (!array)
+        return;
     unsigned int size = array->getSize();
     if (offset > size)
         offset = size;

@@ -18,7 +18,7 @@ public:
     virtual void flush();
 
     // Writes the array's bytes from offset; a length of 0 or one beyond the
-    // array means up to its end.
+    // array means up to its end. A null array writes nothing.
     void write(HvByteArray* array, unsigned int offset, unsigned int length);
 
     // Formatted output; each returns the stream.
