@@ -13,7 +13,7 @@ class HvCriticalSection {
 public:
     // Sections recycled while fewer than this many exist go back to the pool;
     // beyond it they are destroyed, which bounds what the pool keeps.
-    static const int kPoolLimit = 1024;
+    static constexpr int kPoolLimit = 1024;
 
     // Enters the section (recursively for its owner).
     void enter();

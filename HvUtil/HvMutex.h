@@ -10,7 +10,7 @@
 class HvMutex {
 public:
     // Size of the shared pool; objects pick entry pthread_self() & (kPoolSize - 1).
-    static const unsigned int kPoolSize = 256;
+    static constexpr unsigned int kPoolSize = 256;
 
     // Builds the pool on the first call; later calls return at once. The
     // first call must happen before a second thread exists.

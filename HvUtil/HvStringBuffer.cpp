@@ -90,11 +90,13 @@ HvStringBuffer* HvStringBuffer::sAssign(HvStringBuffer* buffer, const char* text
 
 HvStringBuffer* HvStringBuffer::sAppend(HvStringBuffer* buffer, const char* text, unsigned int n)
 {
-    if (!buffer)
-        return sCreate(text, n, 0);
     if (!text)
         return buffer;
     unsigned int taken = (n != 0 && ::strnlen(text, n) == n) ? n : static_cast<unsigned int>(std::strlen(text));
+    // An n beyond the text takes the whole text here too: passing n on to
+    // sCreate would copy bytes past the text's end.
+    if (!buffer)
+        return taken == 0 ? nullptr : sCreate(text, taken, 0);
     if (taken == 0)
         return buffer;
     unsigned int needed = buffer->m_length + taken + 1;

@@ -1,0 +1,287 @@
+#include <HvUtil/HvCriticalSection.h>
+
+#include <HvUtil/HvException.h>
+#include <HvUtil/HvSystemError.h>
+
+#include <Velmora/MemAllocator.h>
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+template <class Condition>
+bool waitFor(Condition condition, std::chrono::milliseconds limit = std::chrono::milliseconds(5000))
+{
+    Clock::time_point deadline = Clock::now() + limit;
+    while (!condition()) {
+        if (Clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+const std::chrono::milliseconds kHoldWindow(50);
+
+long liveSections()
+{
+    return Velmora::allocationStats("HvCriticalSection").liveCount;
+}
+
+long liveRecursiveMutexes()
+{
+    return Velmora::allocationStats("HvRecursiveMutex").liveCount;
+}
+
+// Sections misused on purpose: their lock stays blocked for good, so they are
+// parked here instead of being recycled or used again. A plain array is never
+// torn down, so the pointers keep them reachable until the process ends.
+HvCriticalSection* volatile fs_abandoned[64];
+unsigned int fs_abandonedCount = 0;
+
+} // namespace
+
+TEST(HvCriticalSection, GlobalSectionExistsAndWorks)
+{
+    HvCriticalSection* global = HvCriticalSection::sm_pCriticalSection;
+    ASSERT_NE(global, nullptr);
+    global->enter();
+    EXPECT_EQ(global->getDepth(), 1u);
+    EXPECT_TRUE(pthread_equal(global->getOwner(), pthread_self()));
+    global->leave();
+    EXPECT_EQ(global->getDepth(), 0u);
+    EXPECT_EQ(global->getOwner(), pthread_t(0));
+}
+
+TEST(HvCriticalSection, NewSectionIsFree)
+{
+    HvCriticalSection* section = HvCriticalSection::sAllocate();
+    ASSERT_NE(section, nullptr);
+    EXPECT_EQ(section->getDepth(), 0u);
+    EXPECT_EQ(section->getOwner(), pthread_t(0));
+    HvCriticalSection::sRecycle(section);
+}
+
+TEST(HvCriticalSection, EnterTwiceLeaveOnceLeavesOwnerSetAndDepthOne)
+{
+    HvCriticalSection* section = HvCriticalSection::sAllocate();
+    section->enter();
+    section->enter();
+    EXPECT_EQ(section->getDepth(), 2u);
+    section->leave();
+    EXPECT_EQ(section->getDepth(), 1u);
+    EXPECT_TRUE(pthread_equal(section->getOwner(), pthread_self()));
+    section->leave();
+    EXPECT_EQ(section->getDepth(), 0u);
+    EXPECT_EQ(section->getOwner(), pthread_t(0));
+    HvCriticalSection::sRecycle(section);
+}
+
+TEST(HvCriticalSection, RecycledSectionsComeBackLastInFirstOut)
+{
+    HvCriticalSection* a = HvCriticalSection::sAllocate();
+    HvCriticalSection* b = HvCriticalSection::sAllocate();
+    ASSERT_NE(a, b);
+    int existing = HvCriticalSection::sGetExistingCount();
+    ASSERT_LT(existing, HvCriticalSection::kPoolLimit);
+
+    HvCriticalSection::sRecycle(a);
+    HvCriticalSection::sRecycle(b);
+    // Pooled sections still count as existing.
+    EXPECT_EQ(HvCriticalSection::sGetExistingCount(), existing);
+
+    long sections = liveSections();
+    EXPECT_EQ(HvCriticalSection::sAllocate(), b);
+    EXPECT_EQ(HvCriticalSection::sAllocate(), a);
+    EXPECT_EQ(liveSections(), sections);
+    EXPECT_EQ(HvCriticalSection::sGetExistingCount(), existing);
+
+    HvCriticalSection::sRecycle(a);
+    HvCriticalSection::sRecycle(b);
+}
+
+TEST(HvCriticalSection, AllocateAndRecycleAreCounted)
+{
+    unsigned int allocations = HvCriticalSection::sGetAllocateCount();
+    unsigned int recycles = HvCriticalSection::sGetRecycleCount();
+    HvCriticalSection* section = HvCriticalSection::sAllocate();
+    EXPECT_EQ(HvCriticalSection::sGetAllocateCount(), allocations + 1);
+    HvCriticalSection::sRecycle(section);
+    EXPECT_EQ(HvCriticalSection::sGetRecycleCount(), recycles + 1);
+}
+
+TEST(HvCriticalSection, RecycleNullIsIgnoredButCounted)
+{
+    HvCriticalSection* section = HvCriticalSection::sAllocate();
+    HvCriticalSection::sRecycle(section);
+
+    unsigned int recycles = HvCriticalSection::sGetRecycleCount();
+    int existing = HvCriticalSection::sGetExistingCount();
+    long sections = liveSections();
+    HvCriticalSection::sRecycle(nullptr);
+    EXPECT_EQ(HvCriticalSection::sGetRecycleCount(), recycles + 1);
+    EXPECT_EQ(HvCriticalSection::sGetExistingCount(), existing);
+    EXPECT_EQ(liveSections(), sections);
+
+    // The free list is untouched: its head is still the section put back last.
+    HvCriticalSection* again = HvCriticalSection::sAllocate();
+    EXPECT_EQ(again, section);
+    HvCriticalSection::sRecycle(again);
+}
+
+TEST(HvCriticalSection, PooledSectionComesBackWithOldDepthAndOwner)
+{
+    HvCriticalSection* section = HvCriticalSection::sAllocate();
+    section->enter();
+    HvCriticalSection::sRecycle(section);
+
+    HvCriticalSection* again = HvCriticalSection::sAllocate();
+    ASSERT_EQ(again, section);
+    EXPECT_EQ(again->getDepth(), 1u);
+    EXPECT_TRUE(pthread_equal(again->getOwner(), pthread_self()));
+    again->leave();
+    EXPECT_EQ(again->getDepth(), 0u);
+    HvCriticalSection::sRecycle(again);
+}
+
+TEST(HvCriticalSection, SectionsBeyondLimitAreDestroyedBelowItPooled)
+{
+    // Bring the number of existing sections to exactly the limit; pooled
+    // ones are taken first and do not add to it.
+    std::vector<HvCriticalSection*> held;
+    while (HvCriticalSection::sGetExistingCount() < HvCriticalSection::kPoolLimit)
+        held.push_back(HvCriticalSection::sAllocate());
+    ASSERT_EQ(HvCriticalSection::sGetExistingCount(), 1024);
+
+    long sections = liveSections();
+    long mutexes = liveRecursiveMutexes();
+
+    // The 1024th existing section is destroyed, with its recursive mutex.
+    HvCriticalSection::sRecycle(held.back());
+    held.pop_back();
+    EXPECT_EQ(HvCriticalSection::sGetExistingCount(), 1023);
+    EXPECT_EQ(liveSections(), sections - 1);
+    EXPECT_EQ(liveRecursiveMutexes(), mutexes - 1);
+
+    // With 1023 in existence a recycled section is pooled...
+    HvCriticalSection* pooled = held.back();
+    held.pop_back();
+    HvCriticalSection::sRecycle(pooled);
+    EXPECT_EQ(HvCriticalSection::sGetExistingCount(), 1023);
+    EXPECT_EQ(liveSections(), sections - 1);
+    EXPECT_EQ(liveRecursiveMutexes(), mutexes - 1);
+
+    // ...and handed out again by the next allocation.
+    HvCriticalSection* again = HvCriticalSection::sAllocate();
+    EXPECT_EQ(again, pooled);
+    EXPECT_EQ(HvCriticalSection::sGetExistingCount(), 1023);
+    held.push_back(again);
+
+    // Going over the limit again and recycling twice: the first is destroyed,
+    // the second pooled.
+    held.push_back(HvCriticalSection::sAllocate());
+    ASSERT_EQ(HvCriticalSection::sGetExistingCount(), 1024);
+    HvCriticalSection::sRecycle(held.back());
+    held.pop_back();
+    EXPECT_EQ(HvCriticalSection::sGetExistingCount(), 1023);
+    HvCriticalSection::sRecycle(held.back());
+    held.pop_back();
+    EXPECT_EQ(HvCriticalSection::sGetExistingCount(), 1023);
+
+    for (HvCriticalSection* section : held)
+        HvCriticalSection::sRecycle(section);
+    EXPECT_EQ(HvCriticalSection::sGetExistingCount(), 1023);
+    EXPECT_EQ(liveSections(), sections - 1);
+    EXPECT_EQ(liveRecursiveMutexes(), mutexes - 1);
+}
+
+TEST(HvCriticalSection, EnterFromTwoThreadsExcludesEachOther)
+{
+    HvCriticalSection* section = HvCriticalSection::sAllocate();
+    section->enter();
+    std::atomic<bool> started{false};
+    std::atomic<bool> entered{false};
+    bool ownerIsSelf = false;
+    unsigned int depthSeen = 0;
+    std::thread other([&] {
+        started = true;
+        section->enter();
+        ownerIsSelf = pthread_equal(section->getOwner(), pthread_self());
+        depthSeen = section->getDepth();
+        entered = true;
+        section->leave();
+    });
+    EXPECT_TRUE(waitFor([&] { return started.load(); }));
+    std::this_thread::sleep_for(kHoldWindow);
+    EXPECT_FALSE(entered.load());
+    section->leave();
+    EXPECT_TRUE(waitFor([&] { return entered.load(); }));
+    other.join();
+    EXPECT_TRUE(ownerIsSelf);
+    EXPECT_EQ(depthSeen, 1u);
+    EXPECT_EQ(section->getDepth(), 0u);
+    EXPECT_EQ(section->getOwner(), pthread_t(0));
+    HvCriticalSection::sRecycle(section);
+}
+
+TEST(HvCriticalSection, SectionProtectsCounterAcrossThreads)
+{
+    HvCriticalSection* section = HvCriticalSection::sAllocate();
+    const int kThreads = 2;
+    const int kRounds = 10000;
+    long counter = 0;
+    std::atomic<int> inside{0};
+    std::atomic<int> overlaps{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                section->enter();
+                if (inside.fetch_add(1) != 0)
+                    overlaps.fetch_add(1);
+                ++counter;
+                inside.fetch_sub(1);
+                section->leave();
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
+    EXPECT_EQ(overlaps.load(), 0);
+    HvCriticalSection::sRecycle(section);
+}
+
+TEST(HvCriticalSection, LeaveByForeignThreadThrows)
+{
+    // The misuse leaves the section's lock unusable (its guard stays
+    // locked), so this section is neither recycled nor used again.
+    HvCriticalSection* section = HvCriticalSection::sAllocate();
+    fs_abandoned[fs_abandonedCount++ % 64] = section;
+    section->enter();
+    bool thrown = false;
+    bool isSystemError = false;
+    std::string message;
+    std::thread intruder([&] {
+        try {
+            section->leave();
+        } catch (HvHandle<HvException>& e) {
+            thrown = true;
+            isSystemError = dynamic_cast<HvSystemError*>(e.get()) != nullptr;
+            message = e->getMessage().c_str();
+        }
+    });
+    intruder.join();
+    EXPECT_TRUE(thrown);
+    EXPECT_TRUE(isSystemError);
+    EXPECT_EQ(message, "unlockI - not owner or not locked");
+}

@@ -1,0 +1,203 @@
+#include <HvUtil/HvMutex.h>
+
+#include <HvUtil/HvObject.h>
+
+#include <Velmora/MemAllocator.h>
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Polls `condition` every millisecond until it holds or `limit` has passed.
+template <class Condition>
+bool waitFor(Condition condition, std::chrono::milliseconds limit = std::chrono::milliseconds(5000))
+{
+    Clock::time_point deadline = Clock::now() + limit;
+    while (!condition()) {
+        if (Clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+long liveMutexes()
+{
+    return Velmora::allocationStats("HvMutex").liveCount;
+}
+
+// Exposes the object mutex an HvObject borrowed from the pool.
+class ProbeObject : public HvObject {
+public:
+    HvMutex* mutex() const { return getObjectMutex(); }
+};
+
+} // namespace
+
+TEST(HvMutex, InitializeFillsAllPoolEntries)
+{
+    HvMutex::sInitialize();
+    std::set<HvMutex*> distinct;
+    for (unsigned int index = 0; index < HvMutex::kPoolSize; ++index) {
+        ASSERT_NE(HvMutex::sm_pMutex[index], nullptr) << "entry " << index;
+        distinct.insert(HvMutex::sm_pMutex[index]);
+    }
+    EXPECT_EQ(distinct.size(), 256u);
+    EXPECT_GE(liveMutexes(), 256);
+}
+
+TEST(HvMutex, SecondInitializeCreatesNothing)
+{
+    HvMutex::sInitialize();
+    long before = liveMutexes();
+    HvMutex* first[HvMutex::kPoolSize];
+    for (unsigned int index = 0; index < HvMutex::kPoolSize; ++index)
+        first[index] = HvMutex::sm_pMutex[index];
+
+    HvMutex::sInitialize();
+    HvMutex::sInitialize();
+
+    EXPECT_EQ(liveMutexes(), before);
+    for (unsigned int index = 0; index < HvMutex::kPoolSize; ++index) {
+        ASSERT_NE(HvMutex::sm_pMutex[index], nullptr) << "entry " << index;
+        EXPECT_EQ(HvMutex::sm_pMutex[index], first[index]) << "entry " << index;
+    }
+}
+
+TEST(HvMutex, ObjectBorrowsPoolEntryOfCreatingThread)
+{
+    ProbeObject object;
+    std::uintptr_t self = reinterpret_cast<std::uintptr_t>(pthread_self());
+    EXPECT_EQ(object.mutex(), HvMutex::sm_pMutex[self & 255]);
+
+    HvMutex* otherThreadsMutex = nullptr;
+    std::uintptr_t otherThread = 0;
+    std::thread creator([&] {
+        ProbeObject made;
+        otherThreadsMutex = made.mutex();
+        otherThread = reinterpret_cast<std::uintptr_t>(pthread_self());
+    });
+    creator.join();
+    EXPECT_EQ(otherThreadsMutex, HvMutex::sm_pMutex[otherThread & 255]);
+}
+
+TEST(HvMutex, TryLockCountIncrementsOnEveryLock)
+{
+    HvMutex* mutex = HvMutex::sCreate();
+    unsigned int before = HvMutex::m_tryLockCount.load();
+    unsigned int blockedBefore = HvMutex::m_lockCount.load();
+    for (int i = 0; i < 3; ++i) {
+        mutex->lock();
+        mutex->unlock();
+    }
+    EXPECT_EQ(HvMutex::m_tryLockCount.load() - before, 3u);
+    // A free mutex is won by the first non-blocking attempt.
+    EXPECT_EQ(HvMutex::m_lockCount.load(), blockedBefore);
+    HvMutex::sDestroy(mutex);
+}
+
+TEST(HvMutex, LockCountIncrementsWhenLockHasToWait)
+{
+    HvMutex* mutex = HvMutex::sCreate();
+    // The waiter has to have spent its five attempts while the mutex was
+    // held; a scheduler could delay it past the hold, so a few rounds are
+    // allowed, but every round may count at most one blocking wait.
+    bool counted = false;
+    for (int round = 0; round < 5 && !counted; ++round) {
+        unsigned int tryBefore = HvMutex::m_tryLockCount.load();
+        unsigned int blockedBefore = HvMutex::m_lockCount.load();
+        std::atomic<bool> acquired{false};
+        mutex->lock();
+        std::thread waiter([&] {
+            mutex->lock();
+            acquired = true;
+            mutex->unlock();
+        });
+        // Failures before join() are EXPECTs: leaving with a joinable thread aborts.
+        EXPECT_TRUE(waitFor([&] { return HvMutex::m_tryLockCount.load() - tryBefore >= 2; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(acquired.load()) << "lock() returned while another thread held the mutex";
+        mutex->unlock();
+        EXPECT_TRUE(waitFor([&] { return acquired.load(); }));
+        waiter.join();
+        unsigned int blocked = HvMutex::m_lockCount.load() - blockedBefore;
+        EXPECT_LE(blocked, 1u);
+        counted = blocked == 1;
+    }
+    EXPECT_TRUE(counted);
+    HvMutex::sDestroy(mutex);
+}
+
+TEST(HvMutex, CreateAndDestroyGiveStorageBack)
+{
+    long before = liveMutexes();
+    HvMutex* mutex = HvMutex::sCreate();
+    ASSERT_NE(mutex, nullptr);
+    EXPECT_EQ(liveMutexes(), before + 1);
+    HvMutex::sDestroy(mutex);
+    EXPECT_EQ(liveMutexes(), before);
+    HvMutex::sDestroy(nullptr);
+    EXPECT_EQ(liveMutexes(), before);
+}
+
+TEST(HvMutex, ProtectsCounterAcrossThreads)
+{
+    HvMutex::sInitialize();
+    HvMutex* mutex = HvMutex::sm_pMutex[7];
+    const int kThreads = 4;
+    const int kRounds = 20000;
+    long counter = 0;
+    std::atomic<int> inside{0};
+    std::atomic<int> overlaps{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                mutex->lock();
+                if (inside.fetch_add(1) != 0)
+                    overlaps.fetch_add(1);
+                ++counter;
+                inside.fetch_sub(1);
+                mutex->unlock();
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
+    EXPECT_EQ(overlaps.load(), 0);
+}
+
+TEST(HvMutex, ScopedLockHoldsUntilScopeEnds)
+{
+    HvMutex* mutex = HvMutex::sCreate();
+    std::atomic<bool> acquired{false};
+    std::atomic<bool> waiting{false};
+    std::thread waiter;
+    {
+        HvMutex::Lock hold(mutex);
+        waiter = std::thread([&] {
+            waiting = true;
+            mutex->lock();
+            acquired = true;
+            mutex->unlock();
+        });
+        EXPECT_TRUE(waitFor([&] { return waiting.load(); }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(acquired.load());
+    }
+    EXPECT_TRUE(waitFor([&] { return acquired.load(); }));
+    waiter.join();
+    HvMutex::sDestroy(mutex);
+}
