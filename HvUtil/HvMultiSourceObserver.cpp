@@ -24,6 +24,9 @@ HvMultiSourceObserver::HvMultiSourceObserver(HvObserver* observer, HvObservable*
     } catch (...) {
         detachAll();
         HvObservable::detachObserver(client);
+        // A failed fan-in leaves the observer where it was.
+        if (!previous.isNull())
+            previous->attachObserver(client);
         HvMutex::sDestroy(m_pMutex);
         Release(false);
         throw;
@@ -96,4 +99,12 @@ unsigned int HvMultiSourceObserver::countSources() const
 {
     HvMutex::Lock lock(m_pMutex);
     return static_cast<unsigned int>(m_sources.size());
+}
+
+HvHandle<HvObservable> HvMultiSourceObserver::getSourceAt(unsigned int index) const
+{
+    HvMutex::Lock lock(m_pMutex);
+    if (index >= m_sources.size())
+        return HvHandle<HvObservable>();
+    return m_sources[index]->getSource();
 }

@@ -14,14 +14,19 @@ class HvMutex;
 class HvMultiSourceObserver : public HvObservable {
 public:
     // Takes the observer's place in front of its old source (if any) and of
-    // `source`. Throws HvSystemError if the mutex cannot be made.
+    // `source`. Throws HvSystemError if the mutex cannot be made, and passes
+    // on the failure of attaching to `source` (one that has an observer
+    // already); the observer is then given back to its old source.
     HvMultiSourceObserver(HvObserver* observer, HvObservable* source);
     // Detaches all sources and destroys the mutex.
     ~HvMultiSourceObserver() override;
 
+    // Attaches a new stand-in to `source`; throws as attachObserver does when
+    // `source` has an observer already.
     void addSource(HvObservable* source);
     // Removes the first stand-in attached to `source`; unknown sources are ignored.
     void removeSource(HvObservable* source);
+    // Detaches every stand-in from its source.
     void detachAll();
 
     // Detaching the client first detaches every source.
@@ -31,6 +36,9 @@ public:
 
     // Number of sources.
     unsigned int countSources() const;
+    // The source fed through the stand-in at `index` (in the order they were
+    // added); nil past the end.
+    HvHandle<HvObservable> getSourceAt(unsigned int index) const;
 
 private:
     std::vector<HvAggregatedObserver*> m_sources;

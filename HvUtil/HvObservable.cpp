@@ -2,6 +2,23 @@
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvMultiSourceObserver.h>
 
+#include <Velmora/Logger.h>
+
+#include <string>
+
+namespace {
+
+void logObserverFailure(const char* what)
+{
+    Velmora::Logger& logger = Velmora::fileScopeLogger("HvObservable");
+    if (logger.isEnabledFor(Velmora::Logger::ERROR))
+        logger.log(Velmora::Logger::ERROR,
+                   std::string("HvObservable::~HvObservable(): observer failed on Disconnecting: ") + what, __FILE__,
+                   __LINE__);
+}
+
+} // namespace
+
 HvObservable::~HvObservable()
 {
     if (!m_observer.isNull()) {
@@ -10,10 +27,21 @@ HvObservable::~HvObservable()
         // Held while the handles to this object exist, so that dropping them
         // cannot start a second destruction.
         AddRef();
-        {
+        try {
             HvHandle<HvObject> notice(new HvException(HvStringBuffer::sCreate("Disconnecting", 0, 0)));
             former->onNotification(HvHandle<HvObservable>(this), notice);
+        } catch (HvHandle<HvException>& e) {
+            // Nobody can be told from a destructor, and letting it escape
+            // would leave this object half destroyed.
+            logObserverFailure(e->getMessage().c_str());
+        } catch (...) {
+            logObserverFailure("unknown exception");
         }
+        // The observer still names this object as its source; left alone that
+        // link would hold a count on an object whose memory is about to go,
+        // and the observer's own detach would later reach freed memory.
+        if (former->m_source == this)
+            former->m_source = HvHandle<HvObservable>();
         Release(false);
     }
 }
@@ -27,6 +55,9 @@ void HvObservable::attachObserver(HvHandle<HvObserver> observer)
 {
     if (!m_observer.isNull())
         HvException::sThrow("HvObservable::attachObserver() ... The current implementation only allows a single observer");
+    // Nothing to link: a nil observer is ignored rather than dereferenced.
+    if (observer.isNull())
+        return;
     if (observer->m_source.isNull()) {
         linkObserver(observer);
         return;

@@ -9,8 +9,9 @@
 class HvObservable : public HvObserver {
 public:
     HvObservable() {}
-    // Tells an attached observer "Disconnecting" (an HvException), then
-    // detaches from its own source.
+    // Tells an attached observer "Disconnecting" (an HvException; whatever
+    // the observer throws is logged, not passed on), clears that observer's
+    // link back to this object, then detaches from its own source.
     ~HvObservable() override;
 
     // Relay: notifies this observable's observer with the same object.
@@ -19,7 +20,7 @@ public:
     // Attaches the observer. Throws HvException "HvObservable::attachObserver()
     // ... The current implementation only allows a single observer" when one
     // is attached already. An observer that watches another observable is
-    // fed from both through an HvMultiSourceObserver.
+    // fed from both through an HvMultiSourceObserver. A nil observer is ignored.
     virtual void attachObserver(HvHandle<HvObserver> observer);
     // Detaches the observer if it is the one attached; others are ignored.
     virtual void detachObserver(HvHandle<HvObserver> observer);
