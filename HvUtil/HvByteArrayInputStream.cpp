@@ -27,6 +27,8 @@ int HvByteArrayInputStream::read(void* buffer, unsigned int length, unsigned int
 {
     if (m_position >= m_end)
         return -1;
+    if (!buffer)
+        return 0;
     unsigned int left = m_end - m_position;
     unsigned int count = length < left ? length : left;
     std::memcpy(static_cast<unsigned char*>(buffer) + offset, m_array->getData() + m_position, count);

@@ -35,7 +35,7 @@ unsigned int HvCppInputStream::available()
 
 int HvCppInputStream::read(void* buffer, unsigned int length, unsigned int offset)
 {
-    if (length == 0)
+    if (length == 0 || !buffer)
         return 0;
     char* target = static_cast<char*>(buffer) + offset;
     unsigned int first = 0;

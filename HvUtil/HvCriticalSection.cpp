@@ -44,14 +44,21 @@ void HvCriticalSection::operator delete(void* p, std::size_t size)
 void HvCriticalSection::enter()
 {
     m_pLock->lock();
-    m_owner = pthread_self();
-    ++m_depth;
+    m_owner.store(pthread_self(), std::memory_order_relaxed);
+    m_depth.fetch_add(1, std::memory_order_relaxed);
 }
 
 void HvCriticalSection::leave()
 {
-    if (--m_depth == 0)
-        m_owner = 0;
+    // A caller that does not hold the section must not touch its state: the
+    // recursive mutex reports the misuse, with depth and owner left as they are.
+    if (m_depth.load(std::memory_order_relaxed) == 0 ||
+        !pthread_equal(m_owner.load(std::memory_order_relaxed), pthread_self())) {
+        m_pLock->unlock();
+        return;
+    }
+    if (m_depth.fetch_sub(1, std::memory_order_relaxed) == 1)
+        m_owner.store(0, std::memory_order_relaxed);
     m_pLock->unlock();
 }
 

@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
 
 class HvRecursiveMutex;
@@ -35,8 +36,8 @@ public:
     static unsigned int sGetAllocateCount();
     static unsigned int sGetRecycleCount();
 
-    unsigned int getDepth() const { return m_depth; }
-    pthread_t getOwner() const { return m_owner; }
+    unsigned int getDepth() const { return m_depth.load(std::memory_order_relaxed); }
+    pthread_t getOwner() const { return m_owner.load(std::memory_order_relaxed); }
 
     static void* operator new(std::size_t size);
     static void operator delete(void* p, std::size_t size);
@@ -55,8 +56,10 @@ private:
     HvCriticalSection& operator=(const HvCriticalSection&) = delete;
 
     HvCriticalSection* m_pNext;
-    unsigned int m_depth;
-    pthread_t m_owner;
+    // Written only by the holder; atomic because leave() checks them before
+    // it knows whether the caller holds the section.
+    std::atomic<unsigned int> m_depth;
+    std::atomic<pthread_t> m_owner;
     HvRecursiveMutex* m_pLock;
 };
 

@@ -5,6 +5,8 @@
 #include <iostream>
 
 static HvErrorStream* fs_pDefault = nullptr;
+// True while fs_pDefault is the stream sGetDefault() made (and holds a reference on).
+static bool fs_bDefaultIsOwn = false;
 
 HvErrorStream::HvErrorStream(HvOutputStream* target)
     : m_level(kDefaultLevel), m_modes(new HvKeyTable), m_pTarget(target)
@@ -80,9 +82,10 @@ HvErrorStream* HvErrorStream::sGetDefault()
 {
     if (!fs_pDefault) {
         fs_pDefault = new HvErrorStream;
-        // The default lives to the end of the process; handles made to it
-        // for a moment must never free it.
+        // While it is the default, handles made to it for a moment must
+        // never free it.
         fs_pDefault->AddRef();
+        fs_bDefaultIsOwn = true;
     }
     return fs_pDefault;
 }
@@ -90,6 +93,11 @@ HvErrorStream* HvErrorStream::sGetDefault()
 HvErrorStream* HvErrorStream::sSetDefault(HvErrorStream* stream)
 {
     HvErrorStream* previous = fs_pDefault;
+    // The caller owns what it gets back: a stream made here leaves with a
+    // count of 0, as if freshly made.
+    if (previous && fs_bDefaultIsOwn)
+        previous->Release(false);
     fs_pDefault = stream;
+    fs_bDefaultIsOwn = false;
     return previous;
 }

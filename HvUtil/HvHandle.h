@@ -34,6 +34,9 @@ public:
             m_pObject->Release(true);
     }
 
+protected:
+    // Assignment is typed: only HvHandle<T> and its subclasses assign, so a
+    // handle can never be given an object of the wrong type unchecked.
     HvHandleBase& operator=(const HvHandleBase& other)
     {
         assign(other.m_pObject);
@@ -58,7 +61,6 @@ public:
     // into an empty handle. The handle is then empty and its old object released.
     void assign(const HvObject* source, const HvObject* cast);
 
-protected:
     const HvObject* m_pObject;
 };
 

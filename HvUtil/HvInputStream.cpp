@@ -8,6 +8,9 @@ static HvHandle<HvInputStream> fs_hInputStream;
 
 int HvInputStream::read(void* buffer, unsigned int length, unsigned int offset)
 {
+    // Nowhere to put bytes: nothing is read, nothing consumed.
+    if (!buffer)
+        return 0;
     unsigned char* target = static_cast<unsigned char*>(buffer) + offset;
     unsigned int count = 0;
     try {
@@ -18,10 +21,10 @@ int HvInputStream::read(void* buffer, unsigned int length, unsigned int offset)
             target[count] = static_cast<unsigned char>(byte);
         }
     } catch (HvHandle<HvException>& e) {
-        if (count == 0)
-            throw;
         *HvErrorStream::sGetDefault()->getDebugStream(HvString(HvException::sDebugToken), 0)
             << "catch exception in HvInputStream::read(): " << e->getMessage() << endl;
+        if (count == 0)
+            throw;
         return static_cast<int>(count);
     }
     if (count == 0 && length != 0)

@@ -3,6 +3,8 @@
 #include <HvUtil/HvMutex.h>
 #include <HvUtil/HvOutputStream.h>
 
+#include <cstring>
+
 namespace {
 
 struct Entry {
@@ -20,9 +22,13 @@ unsigned int hashEntry(const void* entry)
     return asEntry(entry)->key->hashCode();
 }
 
+// Keys are always string buffers, so their compareWith(const HvObject*)
+// comes down to strcmp; calling it directly saves a dynamic_cast per node.
 bool sameKey(const void* stored, const void* probe)
 {
-    return asEntry(stored)->key->compareWith(asEntry(probe)->key) == 0;
+    const HvStringBuffer* a = asEntry(stored)->key;
+    const HvStringBuffer* b = asEntry(probe)->key;
+    return a == b || std::strcmp(a->getData(), b->getData()) == 0;
 }
 
 } // namespace
@@ -53,7 +59,7 @@ HvKeyTable::~HvKeyTable()
     mClear();
 }
 
-HvHandle<HvObject> HvKeyTable::put(HvString key, HvObject* value)
+HvHandle<HvObject> HvKeyTable::put(const HvString& key, HvObject* value)
 {
     if (key.length() == 0)
         HvException::sThrow("NULL key value (HvStringBuffer*)");
@@ -75,7 +81,7 @@ HvHandle<HvObject> HvKeyTable::put(HvString key, HvObject* value)
     return previous;
 }
 
-HvHandle<HvObject> HvKeyTable::get(HvString key) const
+HvHandle<HvObject> HvKeyTable::get(const HvString& key) const
 {
     if (key.length() == 0)
         return HvHandle<HvObject>();
@@ -85,7 +91,7 @@ HvHandle<HvObject> HvKeyTable::get(HvString key) const
     return HvHandle<HvObject>(stored ? const_cast<HvObject*>(stored->value) : nullptr);
 }
 
-HvHandle<HvObject> HvKeyTable::asynGet(HvString key) const
+HvHandle<HvObject> HvKeyTable::asynGet(const HvString& key) const
 {
     if (key.length() == 0)
         return HvHandle<HvObject>();
@@ -94,7 +100,7 @@ HvHandle<HvObject> HvKeyTable::asynGet(HvString key) const
     return HvHandle<HvObject>(stored ? const_cast<HvObject*>(stored->value) : nullptr);
 }
 
-bool HvKeyTable::containsKey(HvString key) const
+bool HvKeyTable::containsKey(const HvString& key) const
 {
     if (key.length() == 0)
         return false;
@@ -107,7 +113,7 @@ bool HvKeyTable::contains(HvObject*) const
     HvException::sThrow("Not implemented!");
 }
 
-bool HvKeyTable::remove(HvString key)
+bool HvKeyTable::remove(const HvString& key)
 {
     if (key.length() == 0)
         return false;

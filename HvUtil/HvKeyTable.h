@@ -19,16 +19,16 @@ public:
     // Stores value under key; returns the value it replaces (empty if none).
     // The caller's key buffer replaces a stored equal one. Throws HvException
     // "NULL key value (HvStringBuffer*)" for an empty key.
-    HvHandle<HvObject> put(HvString key, HvObject* value);
+    HvHandle<HvObject> put(const HvString& key, HvObject* value);
     // The value under key; empty for an absent or empty key.
-    HvHandle<HvObject> get(HvString key) const;
+    HvHandle<HvObject> get(const HvString& key) const;
     // As get, without the lock: for holders of the lock or racy readers.
-    HvHandle<HvObject> asynGet(HvString key) const;
-    bool containsKey(HvString key) const;
+    HvHandle<HvObject> asynGet(const HvString& key) const;
+    bool containsKey(const HvString& key) const;
     // Not provided: throws HvException "Not implemented!".
     bool contains(HvObject* value) const;
     // Removes the entry and releases its value and key; false if absent.
-    bool remove(HvString key);
+    bool remove(const HvString& key);
     // Does nothing: the table has a fixed size.
     void rehash() {}
 

@@ -37,7 +37,19 @@ HvMultiSourceObserver::HvMultiSourceObserver(HvObserver* observer, HvObservable*
 HvMultiSourceObserver::~HvMultiSourceObserver()
 {
     detachAll();
+    for (HvAggregatedObserver* standIn : m_retired)
+        delete standIn;
     HvMutex::sDestroy(m_pMutex);
+}
+
+void HvMultiSourceObserver::retire(HvAggregatedObserver* standIn)
+{
+    // A notification from that source may be under way (the client may be
+    // removing the source from inside it), holding handles to the stand-in:
+    // it is detached now and freed with this object, which those handles
+    // keep alive.
+    standIn->detach();
+    m_retired.push_back(standIn);
 }
 
 void HvMultiSourceObserver::addSource(HvObservable* source)
@@ -66,14 +78,14 @@ void HvMultiSourceObserver::removeSource(HvObservable* source)
         return;
     HvAggregatedObserver* standIn = *found;
     m_sources.erase(found);
-    delete standIn;
+    retire(standIn);
 }
 
 void HvMultiSourceObserver::detachAll()
 {
     HvMutex::Lock lock(m_pMutex);
     for (HvAggregatedObserver* standIn : m_sources)
-        delete standIn;
+        retire(standIn);
     m_sources.clear();
 }
 

@@ -41,7 +41,12 @@ public:
     HvHandle<HvObservable> getSourceAt(unsigned int index) const;
 
 private:
+    // Detaches a stand-in and keeps it until this object is destroyed.
+    void retire(HvAggregatedObserver* standIn);
+
     std::vector<HvAggregatedObserver*> m_sources;
+    // Detached stand-ins: one small object per removed source, freed with this one.
+    std::vector<HvAggregatedObserver*> m_retired;
     HvMutex* m_pMutex;
 };
 

@@ -13,12 +13,6 @@ std::atomic<unsigned int> HvMutex::m_lockCount{0};
 
 static int fs_MutexInitializationCounter = 0;
 
-namespace {
-
-const unsigned int kSpinAttempts = 5;
-
-} // namespace
-
 HvMutex* HvMutex::sCreate()
 {
     void* storage = Velmora::DefaultStaticMemAllocator::allocate(sizeof(HvMutex), "HvMutex");
@@ -60,11 +54,11 @@ void HvMutex::sInitialize()
         sm_pMutex[index] = sCreate();
 }
 
-int HvMutex::sSpinThenLock(pthread_mutex_t* mutex, bool* blocked)
+int HvMutex::sSpinThenLock(pthread_mutex_t* mutex, bool* blocked, unsigned int attempts)
 {
     // Sections guarded by these mutexes are short: a few tries usually win
     // without entering the kernel.
-    for (unsigned int attempt = 0; attempt < kSpinAttempts; ++attempt) {
+    for (unsigned int attempt = 0; attempt < attempts; ++attempt) {
         if (pthread_mutex_trylock(mutex) == 0) {
             if (blocked)
                 *blocked = false;
@@ -76,17 +70,16 @@ int HvMutex::sSpinThenLock(pthread_mutex_t* mutex, bool* blocked)
     return pthread_mutex_lock(mutex);
 }
 
-void HvMutex::lock()
+void HvMutex::lockContended()
 {
-    m_tryLockCount.fetch_add(1, std::memory_order_relaxed);
     bool blocked = false;
-    int result = sSpinThenLock(&m_mutex, &blocked);
+    int result = sSpinThenLock(&m_mutex, &blocked, kSpinAttempts - 1);
     if (blocked)
         m_lockCount.fetch_add(1, std::memory_order_relaxed);
     HvSystemError::sCheck(result, "pthread_mutex_lock");
 }
 
-void HvMutex::unlock()
+void HvMutex::sThrowUnlockFailure(int result)
 {
-    HvSystemError::sCheck(pthread_mutex_unlock(&m_mutex), "pthread_mutex_unlock");
+    HvSystemError::sThrow("pthread_mutex_unlock", result);
 }

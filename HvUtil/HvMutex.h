@@ -25,15 +25,31 @@ public:
 
     // Up to five non-blocking attempts, then a blocking wait.
     // Throws HvSystemError "pthread_mutex_lock".
-    void lock();
+    void lock()
+    {
+        // Statistics tolerate lost updates: a plain load and store keeps the
+        // hot path free of a locked instruction on a word every thread shares.
+        m_tryLockCount.store(m_tryLockCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        if (pthread_mutex_trylock(&m_mutex) != 0)
+            lockContended();
+    }
 
     // Throws HvSystemError "pthread_mutex_unlock".
-    void unlock();
+    void unlock()
+    {
+        int result = pthread_mutex_unlock(&m_mutex);
+        if (result != 0)
+            sThrowUnlockFailure(result);
+    }
 
     // Takes `mutex` with the library's spin-then-block rule: up to five
     // pthread_mutex_trylock calls, then pthread_mutex_lock. Returns the result
     // of the last call (0 on success); `blocked` tells whether it had to wait.
-    static int sSpinThenLock(pthread_mutex_t* mutex, bool* blocked = nullptr);
+    static int sSpinThenLock(pthread_mutex_t* mutex, bool* blocked = nullptr,
+                             unsigned int attempts = kSpinAttempts);
+
+    // Non-blocking attempts before a lock waits in the kernel.
+    static constexpr unsigned int kSpinAttempts = 5;
 
     // Holds a mutex for one scope.
     class Lock {
@@ -55,6 +71,10 @@ public:
     static std::atomic<unsigned int> m_lockCount;
 
 private:
+    // The rest of lock() after a first failed attempt.
+    void lockContended();
+    [[noreturn]] static void sThrowUnlockFailure(int result);
+
     HvMutex() = default;
     HvMutex(const HvMutex&) = delete;
     HvMutex& operator=(const HvMutex&) = delete;

@@ -48,7 +48,7 @@ int HvObject::compareWith(const HvObject* other) const
     std::intptr_t difference = reinterpret_cast<std::intptr_t>(this) - reinterpret_cast<std::intptr_t>(other);
     if (difference > INT32_MAX)
         return 1;
-    if (difference < -INT32_MAX)
+    if (difference < INT32_MIN)
         return -1;
     return static_cast<int>(difference);
 }

@@ -7,6 +7,7 @@
 #include <HvUtil/HvStringBuffer.h>
 
 #include <iosfwd>
+#include <type_traits>
 
 class HvString : public HvHandle<HvStringBuffer> {
 public:
@@ -16,6 +17,12 @@ public:
     HvString(HvStringBuffer* buffer) : HvHandle<HvStringBuffer>(buffer) {}
     HvString(const HvHandle<HvStringBuffer>& other) : HvHandle<HvStringBuffer>(other) {}
     HvString(const HvString& other) : HvHandle<HvStringBuffer>(other) {}
+    // Checked conversions from other object types, as for any handle; a
+    // wrong type throws HvAssertionFailure.
+    template <class U, class = std::enable_if_t<std::is_base_of<HvObject, U>::value>>
+    HvString(U* object) : HvHandle<HvStringBuffer>(object) {}
+    template <class U>
+    HvString(const HvHandle<U>& other) : HvHandle<HvStringBuffer>(other) {}
 
     HvString& operator=(const HvString& other)
     {
@@ -28,6 +35,18 @@ public:
         return *this;
     }
     HvString& operator=(const char* text) { return *this = HvStringBuffer::sCreate(text, 0, 0); }
+    template <class U, class = std::enable_if_t<std::is_base_of<HvObject, U>::value>>
+    HvString& operator=(U* object)
+    {
+        HvHandle<HvStringBuffer>::operator=(object);
+        return *this;
+    }
+    template <class U>
+    HvString& operator=(const HvHandle<U>& other)
+    {
+        HvHandle<HvStringBuffer>::operator=(other);
+        return *this;
+    }
 
     // The text, "" for the empty string.
     const char* c_str() const { return isNull() ? "" : get()->getData(); }

@@ -8,6 +8,7 @@
 #include <Velmora/MemAllocator.h>
 
 #include <cstring>
+#include <new>
 #include <ostream>
 
 namespace {
@@ -61,6 +62,9 @@ HvStringBuffer* HvStringBuffer::sCreate(const char* text, unsigned int length, u
         if (length == 0 && capacity == 0)
             return nullptr;
     }
+    // A length with no room for its NUL cannot be allocated.
+    if (length == kMeasure)
+        throw std::bad_alloc();
     if (capacity < length + 1)
         capacity = length + 1;
     HvStringBuffer* buffer = new (capacity) HvStringBuffer(length, capacity);
@@ -174,6 +178,8 @@ HvStringBuffer* HvStringBuffer::bufferForRead(HvStringBuffer* buffer, unsigned i
 {
     if (buffer && buffer->isPrivate() && buffer->m_capacity > n)
         return buffer;
+    if (n == kMeasure)
+        throw std::bad_alloc();
     return sCreate(nullptr, 0, n + 1);
 }
 

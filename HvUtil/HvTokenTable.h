@@ -11,6 +11,9 @@ public:
     // 101 buckets (or the given count), one lock.
     explicit HvTokenTable(unsigned int buckets = 101);
     ~HvTokenTable() override;
+    // Not copyable: a copy would share the value references without holding them.
+    HvTokenTable(const HvTokenTable&) = delete;
+    HvTokenTable& operator=(const HvTokenTable&) = delete;
 
     // Stores value under token; returns the value it replaces (empty if none).
     HvHandle<HvObject> put(unsigned int token, HvObject* value);

@@ -14,6 +14,9 @@ struct AllocationStats {
     long liveBytes;
 };
 
+// Tags must be string literals (or other text that never changes for the life
+// of the process): they are cached by address.
+
 // Fixed-size allocation: the caller gives the size back on release, and a
 // size that differs from the one allocated is reported as an assertion.
 class DefaultStaticMemAllocator {

@@ -331,3 +331,11 @@ TEST(HvByteArrayInputStream, HoldsTheArrayWhileItLives)
     }
     EXPECT_EQ(1, array->getRefCount());
 }
+
+TEST(HvByteArrayInputStream, BlockReadIntoNoBufferReadsNothing)
+{
+    HvHandle<HvByteArray> data = HvByteArray::sCreate("abc");
+    HvByteArrayInputStream in(data.get(), 0, 0);
+    EXPECT_EQ(0, in.read(nullptr, 2, 0));
+    EXPECT_EQ('a', in.read());
+}

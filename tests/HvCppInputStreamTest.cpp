@@ -333,3 +333,11 @@ TEST(HvCppInputStream, DoesNotOwnTheStandardStream)
     EXPECT_EQ('b', source.get());
     EXPECT_TRUE(source.good());
 }
+
+TEST(HvCppInputStream, BlockReadIntoNoBufferReadsNothing)
+{
+    std::istringstream source("xy");
+    HvHandle<HvCppInputStream> in(new HvCppInputStream(source));
+    EXPECT_EQ(0, in->read(nullptr, 2, 0));
+    EXPECT_EQ('x', in->read());
+}

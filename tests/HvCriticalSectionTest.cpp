@@ -284,4 +284,22 @@ TEST(HvCriticalSection, LeaveByForeignThreadThrows)
     EXPECT_TRUE(thrown);
     EXPECT_TRUE(isSystemError);
     EXPECT_EQ(message, "unlockI - not owner or not locked");
+    // The intruder changed nothing: the real holder is still recorded.
+    EXPECT_EQ(1u, section->getDepth());
+    EXPECT_TRUE(pthread_equal(pthread_self(), section->getOwner()));
+}
+
+TEST(HvCriticalSection, LeaveOfAFreeSectionThrowsAndKeepsDepthZero)
+{
+    HvCriticalSection* section = HvCriticalSection::sAllocate();
+    fs_abandoned[fs_abandonedCount++ % 64] = section;
+    std::string message;
+    try {
+        section->leave();
+    } catch (HvHandle<HvException>& e) {
+        message = e->getMessage().c_str();
+    }
+    EXPECT_EQ(message, "unlockI - not owner or not locked");
+    EXPECT_EQ(0u, section->getDepth());
+    EXPECT_EQ(pthread_t(0), section->getOwner());
 }

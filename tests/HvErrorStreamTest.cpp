@@ -360,3 +360,20 @@ TEST(HvErrorStream, SetDefaultReturnsThePreviousOne)
     EXPECT_EQ(&mine, HvErrorStream::sSetDefault(original));
     EXPECT_EQ(original, HvErrorStream::sGetDefault());
 }
+
+TEST(HvErrorStream, DefaultMadeHereIsHandedBackForItsNewOwnerToFree)
+{
+    // Checked in a fresh process, where sGetDefault() makes the default.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            HvErrorStream* made = HvErrorStream::sGetDefault();
+            HvErrorStream* mine = new HvErrorStream(nullptr);
+            bool ok = HvErrorStream::sSetDefault(mine) == made;
+            ok = ok && made->getRefCount() == 0;
+            // Owned by the caller now: a handle takes it and frees it.
+            { HvHandle<HvErrorStream> owner(made); }
+            _exit(ok ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}

@@ -209,9 +209,9 @@ TEST(HvInputStream, ExceptionBeforeAnyByteIsThrownOn)
         EXPECT_STREQ("source failed", e->getMessage().c_str());
     }
     EXPECT_TRUE(thrown);
-    // Only the partial read was logged.
+    // Both catches are logged; the second one then throws on.
     EXPECT_EQ("catch exception in HvInputStream::read(): source failed\n", afterPartial);
-    EXPECT_EQ(afterPartial, debug.text());
+    EXPECT_EQ(afterPartial + afterPartial, debug.text());
 }
 
 TEST(HvInputStream, CaughtExceptionIsNotWrittenWithoutTheDebugMode)
@@ -469,4 +469,11 @@ TEST(HvInputStream, SetDefaultReturnsThePreviousAndHoldsTheNewOne)
     // Leave a default that does not point at this test's counters.
     HvInputStream::sSetDefault(*new StringInputStream("last"));
     EXPECT_EQ(1, secondDestroyed);
+}
+
+TEST(HvInputStream, DefaultBlockReadIntoNoBufferReadsNothing)
+{
+    StringInputStream in("abc");
+    EXPECT_EQ(0, in.read(nullptr, 2, 0));
+    EXPECT_EQ('a', in.read());
 }

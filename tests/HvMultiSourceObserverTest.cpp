@@ -624,3 +624,84 @@ TEST(HvMultiSourceObserver, DisplayShowsCountAndClassName)
     EXPECT_EQ("3\tHvMultiSourceObserver", displayed(*group));
     f.client->detach();
 }
+
+namespace {
+
+// A client that changes its group's sources from inside a notification.
+class ReactingObserver : public HvObserver {
+public:
+    enum Reaction { RemoveSender, DetachSelf };
+    ReactingObserver(Reaction reaction, int& destroyed) : m_reaction(reaction), m_destroyed(destroyed) {}
+    ~ReactingObserver() override { ++m_destroyed; }
+
+    void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject>) override
+    {
+        ++notifications;
+        HvMultiSourceObserver* group = dynamic_cast<HvMultiSourceObserver*>(getSource().get());
+        if (!group)
+            return;
+        if (m_reaction == RemoveSender)
+            group->removeSource(source.get());
+        else
+            detach();
+    }
+
+    int notifications = 0;
+
+private:
+    Reaction m_reaction;
+    int& m_destroyed;
+};
+
+} // namespace
+
+TEST(HvMultiSourceObserver, ClientMayRemoveTheSendingSourceFromInsideItsNotification)
+{
+    int observables = 0, observers = 0, groups = 0;
+    {
+        HvHandle<CountingObservable> first(new CountingObservable(observables));
+        HvHandle<CountingObservable> second(new CountingObservable(observables));
+        HvHandle<ReactingObserver> client(new ReactingObserver(ReactingObserver::RemoveSender, observers));
+        first->attachObserver(client);
+        CountingMultiSourceObserver* group = new CountingMultiSourceObserver(client.get(), second.get(), groups);
+
+        first->notifyObservers(HvHandle<HvObject>());
+        EXPECT_EQ(1, client->notifications);
+        EXPECT_EQ(0, first->countObservers());
+        EXPECT_EQ(1u, group->countSources());
+        EXPECT_TRUE(group->getSourceAt(0) == second);
+
+        // The group keeps working for the other source.
+        second->notifyObservers(HvHandle<HvObject>());
+        EXPECT_EQ(2, client->notifications);
+        EXPECT_EQ(0, second->countObservers());
+        client->detach();
+        EXPECT_EQ(1, groups);
+    }
+    EXPECT_EQ(2, observables);
+    EXPECT_EQ(1, observers);
+}
+
+TEST(HvMultiSourceObserver, ClientMayDetachFromInsideANotification)
+{
+    int observables = 0, observers = 0, groups = 0;
+    const long mutexesBefore = liveMutexes();
+    {
+        HvHandle<CountingObservable> first(new CountingObservable(observables));
+        HvHandle<CountingObservable> second(new CountingObservable(observables));
+        HvHandle<ReactingObserver> client(new ReactingObserver(ReactingObserver::DetachSelf, observers));
+        first->attachObserver(client);
+        new CountingMultiSourceObserver(client.get(), second.get(), groups);
+
+        // The group stays alive until the notification that detached it returns.
+        second->notifyObservers(HvHandle<HvObject>());
+        EXPECT_EQ(1, client->notifications);
+        EXPECT_EQ(1, groups);
+        EXPECT_TRUE(client->getSource().isNull());
+        EXPECT_EQ(0, first->countObservers());
+        EXPECT_EQ(0, second->countObservers());
+    }
+    EXPECT_EQ(2, observables);
+    EXPECT_EQ(1, observers);
+    EXPECT_EQ(mutexesBefore, liveMutexes());
+}

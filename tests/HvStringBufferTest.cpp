@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 
 namespace {
@@ -1082,4 +1083,15 @@ TEST(HvStringBuffer, DisplayWritesVerboseObjectDisplayThenText)
     HvHandle<HvByteArray> bytes = out.toByteArray();
     ASSERT_FALSE(bytes.isNull());
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize()), expected);
+}
+
+TEST(HvStringBuffer, LengthWithNoRoomForItsTerminatorFailsAsAnAllocation)
+{
+    BufferLeakCheck leaks;
+    EXPECT_THROW(HvStringBuffer::sCreate(nullptr, 0xFFFFFFFFu, 1), std::bad_alloc);
+    HvHandle<HvByteArray> data = HvByteArray::sCreate("abc");
+    HvByteArrayInputStream in(data.get(), 0, 0);
+    EXPECT_THROW(HvStringBuffer::sRead(nullptr, in, 0xFFFFFFFFu), std::bad_alloc);
+    // Nothing was consumed.
+    EXPECT_EQ('a', in.read());
 }

@@ -3,6 +3,7 @@
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvByteArrayInputStream.h>
 #include <HvUtil/HvByteArrayOutputStream.h>
+#include <HvUtil/HvException.h>
 #include <HvUtil/HvInputStream.h>
 #include <HvUtil/HvOutputStream.h>
 
@@ -271,4 +272,37 @@ TEST(HvString, InsertionIntoStdOstream)
     std::ostringstream out;
     out << HvString("abc") << HvString() << '|' << HvString("x y");
     EXPECT_EQ(out.str(), "abc|x y");
+}
+
+TEST(HvString, ConvertsFromAnObjectHandleHoldingAStringBuffer)
+{
+    HvHandle<HvObject> object(HvStringBuffer::sCreate("shared", 0, 0));
+    HvString fromHandle = object;
+    EXPECT_STREQ("shared", fromHandle.c_str());
+    HvString assigned;
+    assigned = object;
+    EXPECT_EQ(assigned.get(), fromHandle.get());
+    EXPECT_EQ(3, object->getRefCount());
+}
+
+TEST(HvString, ConversionFromAnotherObjectTypeIsReported)
+{
+    HvHandle<HvObject> bytes(HvByteArray::sCreate("abc").get());
+    std::string message;
+    try {
+        HvString wrong = bytes;
+    } catch (HvHandle<HvException>& e) {
+        message = e->getMessage().c_str();
+    }
+    EXPECT_EQ("dynamic_cast failed on HvHandle construction", message);
+
+    HvString text("keep");
+    message.clear();
+    try {
+        text = bytes;
+    } catch (HvHandle<HvException>& e) {
+        message = e->getMessage().c_str();
+    }
+    EXPECT_EQ("dynamic_cast failed on HvHandle assignment", message);
+    EXPECT_EQ(1, bytes->getRefCount());
 }

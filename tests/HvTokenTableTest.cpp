@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <type_traits>
+
 #include <atomic>
 #include <string>
 #include <thread>
@@ -525,4 +527,10 @@ TEST_F(HvTokenTableTest, TwoThreadsLeakNothing)
         EXPECT_EQ(created.load(), fs_destroyed.load());
     }
     EXPECT_EQ(created.load(), fs_destroyed.load());
+}
+
+TEST(HvTokenTable, IsNotCopyableBecauseACopyWouldNotHoldItsValues)
+{
+    EXPECT_FALSE(std::is_copy_constructible<HvTokenTable>::value);
+    EXPECT_FALSE(std::is_copy_assignable<HvTokenTable>::value);
 }
