@@ -23,6 +23,7 @@ HvMultiSourceObserver::HvMultiSourceObserver(HvObserver* observer, HvObservable*
         addSource(source);
     } catch (...) {
         detachAll();
+        freeRetired();
         HvObservable::detachObserver(client);
         // A failed fan-in leaves the observer where it was.
         if (!previous.isNull())
@@ -37,9 +38,15 @@ HvMultiSourceObserver::HvMultiSourceObserver(HvObserver* observer, HvObservable*
 HvMultiSourceObserver::~HvMultiSourceObserver()
 {
     detachAll();
+    freeRetired();
+    HvMutex::sDestroy(m_pMutex);
+}
+
+void HvMultiSourceObserver::freeRetired()
+{
     for (HvAggregatedObserver* standIn : m_retired)
         delete standIn;
-    HvMutex::sDestroy(m_pMutex);
+    m_retired.clear();
 }
 
 void HvMultiSourceObserver::retire(HvAggregatedObserver* standIn)

@@ -43,6 +43,8 @@ public:
 private:
     // Detaches a stand-in and keeps it until this object is destroyed.
     void retire(HvAggregatedObserver* standIn);
+    // Frees the retired stand-ins; only when no notification can be under way.
+    void freeRetired();
 
     std::vector<HvAggregatedObserver*> m_sources;
     // Detached stand-ins: one small object per removed source, freed with this one.
