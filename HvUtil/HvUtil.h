@@ -4,10 +4,12 @@
 
 #include <HvUtil/HvAggregatedObserver.h>
 #include <HvUtil/HvAssertionFailure.h>
+#include <HvUtil/HvBaseEvent.h>
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvConstString.h>
 #include <HvUtil/HvCriticalSection.h>
 #include <HvUtil/HvErrorStream.h>
+#include <HvUtil/HvEventQueue.h>
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvGhbnError.h>
 #include <HvUtil/HvHandle.h>
@@ -22,12 +24,16 @@
 #include <HvUtil/HvObserver.h>
 #include <HvUtil/HvOutputSink.h>
 #include <HvUtil/HvOutputStream.h>
+#include <HvUtil/HvProcess.h>
 #include <HvUtil/HvRecursiveMutex.h>
 #include <HvUtil/HvSocketError.h>
 #include <HvUtil/HvStreamTokenizer.h>
 #include <HvUtil/HvString.h>
 #include <HvUtil/HvStringBuffer.h>
 #include <HvUtil/HvSystemError.h>
+#include <HvUtil/HvThread.h>
+#include <HvUtil/HvThreadPool.h>
 #include <HvUtil/HvTokenTable.h>
+#include <HvUtil/HvWorkerThread.h>
 
 #endif

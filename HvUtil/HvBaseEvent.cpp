@@ -1,0 +1,5 @@
+#include <HvUtil/HvBaseEvent.h>
+
+HvBaseEvent::~HvBaseEvent()
+{
+}

@@ -1,0 +1,100 @@
+#include <HvUtil/HvWorkerThread.h>
+#include <HvUtil/HvException.h>
+#include <HvUtil/HvThreadPool.h>
+
+#include <Velmora/Assertion.h>
+#include <Velmora/Logger.h>
+
+#include <cxxabi.h>
+
+#include <exception>
+#include <string>
+
+namespace {
+
+Velmora::AceCleanupLogger& logger()
+{
+    static Velmora::AceCleanupLogger& instance = Velmora::fileScopeLogger("HvWorkerThread");
+    return instance;
+}
+
+// Work that throws outside shutdown is a programming error of the observer;
+// during shutdown it is expected (sources and sockets are being closed).
+void reportFailure(const std::string& message)
+{
+    const std::string text = "Catched a HvException in HvWorkerThread::run(): " + message;
+    if (HvThread::sShuttingDown()) {
+        logger().log(Velmora::Logger::DEBUG, text, "HvWorkerThread", 91);
+        return;
+    }
+    logger().log(Velmora::Logger::ERROR, text, "HvWorkerThread", 91);
+    Velmora::Assertion(false, "false", "HvWorkerThread", 91);
+}
+
+} // namespace
+
+HvWorkerThread::HvWorkerThread(HvThreadPool* pool)
+    : m_kind(kNone), m_pPool(pool), m_bLetGo(false)
+{
+}
+
+HvWorkerThread::~HvWorkerThread()
+{
+}
+
+void HvWorkerThread::doSourceNotifications(HvObservable* source, HvObject* object)
+{
+    m_kind = kSourceNotification;
+    m_source = source;
+    m_object = object;
+    // The signal's mutex orders these stores before the worker's reads.
+    signal();
+}
+
+void HvWorkerThread::doObserverNotifications(HvObserver* observer, HvObject* object)
+{
+    m_kind = kObserverNotification;
+    m_observer = observer;
+    m_object = object;
+    signal();
+}
+
+void HvWorkerThread::run()
+{
+    for (;;) {
+        wait(kNoTimeout);
+        if (getState() == EXITING)
+            break;
+        try {
+            if (m_kind == kSourceNotification && !m_source.isNull())
+                m_source->notifyObservers(m_object);
+            else if (m_kind == kObserverNotification && !m_observer.isNull())
+                m_observer->onNotification(HvHandle<HvObservable>(), m_object);
+        } catch (HvHandle<HvException>& e) {
+            reportFailure(e.isNull() ? std::string() : std::string(e->getMessage().c_str()));
+        } catch (abi::__forced_unwind&) {
+            throw;
+        } catch (std::exception& e) {
+            reportFailure(e.what());
+        } catch (...) {
+            reportFailure("Unknown Exception");
+        }
+        m_source = HvHandle<HvObservable>();
+        m_observer = HvHandle<HvObserver>();
+        m_object = HvHandle<HvObject>();
+        // The pool let this worker go while it was busy (its destructor ran
+        // on this thread): there is nothing to go back to.
+        if (m_bLetGo)
+            break;
+        if (m_pPool)
+            m_pPool->makeAvailable(this);
+    }
+    if (m_pPool && !sShuttingDown())
+        m_pPool->remove(this);
+}
+
+void HvWorkerThread::onMainExit()
+{
+    if (m_pPool)
+        m_pPool->mWorkerExited(this);
+}

@@ -1,0 +1,147 @@
+#include <HvUtil/HvProcess.h>
+
+#include <HvUtil/HvAssertionFailure.h>
+#include <HvUtil/HvTokenTable.h>
+
+#include <Velmora/Net.h>
+#include <Velmora/Assertion.h>
+#include <Velmora/LogCapture.h>
+#include <Velmora/MemAllocator.h>
+#include <Velmora/Singleton.h>
+
+#include <ace/Object_Manager.h>
+
+#include <gtest/gtest.h>
+
+#include <errno.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class DefaultScheduling : public ::testing::Environment {
+public:
+    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
+};
+::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
+
+template <class Predicate>
+bool waitUntil(Predicate predicate, int timeoutMs = 10000)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return predicate();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+struct AssertionRecord {
+    std::string text;
+    std::string file;
+    int line;
+};
+std::vector<AssertionRecord> fs_assertions;
+void recordAssertion(const char* text, const char* file, int line)
+{
+    fs_assertions.push_back(AssertionRecord{text ? text : "", file ? file : "", line});
+}
+
+} // namespace
+
+// Must stay the first test of this program: nothing has created the table.
+TEST(HvProcess, GetByTokenBeforeAnyTableExistsReturnsTheProcessObject)
+{
+    ASSERT_EQ(nullptr, HvThread::sm_pThreadTable);
+    ASSERT_EQ(nullptr, HvProcess::sm_pTheOneAndOnly.load());
+    HvThread* found = HvThread::sGetByToken(HvThread::sGetCurrentThreadToken());
+    ASSERT_NE(nullptr, found);
+    EXPECT_EQ(HvProcess::sm_pTheOneAndOnly.load(), found);
+    EXPECT_NE(nullptr, HvThread::sm_pThreadTable);
+    EXPECT_TRUE(pthread_equal(found->getToken(), pthread_self()));
+    EXPECT_EQ(HvThread::INITIALIZING, found->getState());
+}
+
+TEST(HvProcess, GetCurrentReturnsTheOneInstanceFromTheTaggedAllocator)
+{
+    HvProcess* process = HvProcess::sGetCurrent();
+    EXPECT_EQ(process, HvProcess::sGetCurrent());
+    EXPECT_EQ(process, HvProcess::sm_pTheOneAndOnly.load());
+    Velmora::AllocationStats stats = Velmora::allocationStats("HvProcess");
+    EXPECT_EQ(1, stats.liveCount);
+    EXPECT_GE(stats.liveBytes, static_cast<long>(sizeof(HvProcess)));
+}
+
+TEST(HvProcess, InstanceIsRegisteredForDeletionAtExit)
+{
+    HvProcess* process = HvProcess::sGetCurrent();
+    // A second registration of the same object is refused as a duplicate.
+    errno = 0;
+    int result = ACE_Object_Manager::at_exit(process, &Velmora::deleteCleanupFunc<HvProcess>, nullptr, "HvProcess");
+    int error = errno;
+    if (result == 0)
+        ACE_Object_Manager::remove_at_exit(process);
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(EEXIST, error);
+}
+
+TEST(HvProcess, SecondProcessObjectIsRefused)
+{
+    HvProcess* process = HvProcess::sGetCurrent();
+    long liveBefore = Velmora::allocationStats("HvProcess").liveCount;
+    fs_assertions.clear();
+    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&recordAssertion);
+    try {
+        new HvProcess;
+        FAIL() << "a second HvProcess must be refused";
+    } catch (HvHandle<HvException>& e) {
+        EXPECT_STREQ("There can only be one HvProcess object", e->getMessage().c_str());
+        HvAssertionFailure* failure = dynamic_cast<HvAssertionFailure*>(e.get());
+        ASSERT_NE(nullptr, failure);
+        EXPECT_STREQ("HvProcess", failure->getFile());
+        EXPECT_EQ(46u, failure->getLine());
+    }
+    Velmora::Assertion::sSetHandler(previous);
+    ASSERT_EQ(1u, fs_assertions.size());
+    EXPECT_EQ("There can only be one HvProcess object", fs_assertions[0].text);
+    EXPECT_EQ("HvProcess", fs_assertions[0].file);
+    EXPECT_EQ(46, fs_assertions[0].line);
+    // The refused object's storage went back; the instance is unchanged.
+    EXPECT_EQ(liveBefore, Velmora::allocationStats("HvProcess").liveCount);
+    EXPECT_EQ(process, HvProcess::sm_pTheOneAndOnly.load());
+}
+
+TEST(HvProcess, ProcessIsNeverInTheThreadTable)
+{
+    HvProcess::sGetCurrent();
+    EXPECT_EQ(nullptr, HvThread::sGetByToken(HvThread::sGetCurrentThreadToken()));
+    EXPECT_EQ(0u, HvThread::sGetThreadCount());
+}
+
+TEST(HvProcess, RunSleepsUntilTheFirstSignal)
+{
+    HvProcess* process = HvProcess::sGetCurrent();
+    std::atomic<bool> signalled{false};
+    std::atomic<int> netCountWhileBlocked{-1};
+    const int netCountBefore = Velmora::Net::getInitializationCount();
+    std::thread waker([&] {
+        waitUntil([&] { return process->getState() == HvThread::BLOCKED; });
+        netCountWhileBlocked = Velmora::Net::getInitializationCount();
+        signalled = true;
+        process->signal();
+    });
+    auto start = std::chrono::steady_clock::now();
+    process->run();
+    EXPECT_TRUE(signalled.load());
+    // The network library is started around the wait and stopped after it.
+    EXPECT_EQ(netCountBefore + 1, netCountWhileBlocked.load());
+    EXPECT_EQ(netCountBefore, Velmora::Net::getInitializationCount());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(HvThread::RUNNING, process->getState());
+    waker.join();
+}

@@ -1,0 +1,131 @@
+// Shutdown with a thread pool that has idle and busy workers: every worker
+// stops, the pool stops growing and pooling, and failures of notification
+// work are no longer programming errors.
+#include <HvUtil/HvThreadPool.h>
+
+#include <HvUtil/HvException.h>
+#include <HvUtil/HvObservable.h>
+#include <HvUtil/HvThread.h>
+#include <HvUtil/HvWorkerThread.h>
+
+#include <Velmora/Assertion.h>
+#include <Velmora/LogCapture.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+
+namespace {
+
+class DefaultScheduling : public ::testing::Environment {
+public:
+    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
+};
+::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
+
+template <class Predicate>
+bool waitUntil(Predicate predicate, int timeoutMs = 10000)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return predicate();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// Holds its worker until released, then throws; or throws at once.
+class ThrowingObserver : public HvObserver {
+public:
+    void onNotification(HvHandle<HvObservable>, HvHandle<HvObject>) override
+    {
+        m_calls.fetch_add(1);
+        m_thread = std::this_thread::get_id();
+        if (m_hold.load()) {
+            m_held = true;
+            while (!m_release.load())
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        HvException::sThrow("closed under me");
+    }
+    std::atomic<int> m_calls{0};
+    std::atomic<bool> m_hold{false};
+    std::atomic<bool> m_held{false};
+    std::atomic<bool> m_release{false};
+    std::atomic<std::thread::id> m_thread;
+};
+
+std::atomic<int> fs_assertions{0};
+void countAssertion(const char*, const char*, int)
+{
+    fs_assertions.fetch_add(1);
+}
+
+} // namespace
+
+TEST(HvShutdownPool, ShutdownStopsIdleAndBusyWorkersAndThePoolStopsGrowing)
+{
+    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&countAssertion);
+    HvHandle<ThrowingObserver> busy(new ThrowingObserver);
+    busy->m_hold = true;
+    HvThreadPool pool(nullptr, 3);
+
+    // One idle worker and one busy in a notification.
+    HvWorkerThread* first = pool.getAvailable();
+    HvWorkerThread* second = pool.getAvailable();
+    pool.makeAvailable(first);
+    pool.makeAvailable(second);
+    pool.doObserverNotifications(busy.get(), nullptr);
+    ASSERT_TRUE(waitUntil([&] { return busy->m_held.load(); }));
+    EXPECT_EQ(2, pool.getThreadCount());
+    EXPECT_EQ(1, pool.getBusyCount());
+    EXPECT_EQ(1, pool.getAvailableCount());
+    ASSERT_TRUE(waitUntil([&] { return HvThread::sGetThreadCount() == 2; }));
+
+    Velmora::LogCapture capture("ferrowind.hv.HvWorkerThread");
+    HvThread::sAsyncShutdown();
+    // The busy worker's job fails because the shutdown closed what it used.
+    busy->m_release = true;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(HvThread::sWaitUntilDone());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(0u, HvThread::sGetThreadCount());
+    EXPECT_TRUE(HvThread::sIsShutdownCompleted());
+
+    // During shutdown such a failure is expected: debug line, no assertion.
+    std::vector<Velmora::LogRecord> records = capture.records();
+    ASSERT_EQ(1u, records.size());
+    EXPECT_EQ("Catched a HvException in HvWorkerThread::run(): closed under me", records[0].message);
+    EXPECT_EQ(10000, records[0].level);
+    EXPECT_EQ(0, fs_assertions.load());
+
+    // Workers that ended are neither counted out nor handed out again, and
+    // no new one is made: the caller does the work.
+    EXPECT_EQ(2, pool.getThreadCount());
+    EXPECT_EQ(0, pool.getAvailableCount());
+    EXPECT_EQ(nullptr, pool.getAvailable());
+    HvHandle<ThrowingObserver> late(new ThrowingObserver);
+    pool.doObserverNotifications(late.get(), nullptr);
+    EXPECT_EQ(1, late->m_calls.load());
+    EXPECT_EQ(std::this_thread::get_id(), late->m_thread.load());
+    pool.makeAvailable(first);
+    EXPECT_EQ(0, pool.getAvailableCount());
+    Velmora::Assertion::sSetHandler(previous);
+}
+
+TEST(HvShutdownPool, FailureOfWorkDoneByTheCallerDuringShutdownWritesNothing)
+{
+    ASSERT_TRUE(HvThread::sShuttingDown());
+    HvHandle<ThrowingObserver> observer(new ThrowingObserver);
+    HvThreadPool pool(nullptr, 1);
+    testing::internal::CaptureStderr();
+    EXPECT_NO_THROW(pool.mDoItYourSelf(2, nullptr, observer.get(), nullptr));
+    EXPECT_NO_THROW(pool.doObserverNotifications(observer.get(), nullptr));
+    std::string written = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(2, observer->m_calls.load());
+    EXPECT_EQ("", written);
+}

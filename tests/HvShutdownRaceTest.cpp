@@ -1,0 +1,78 @@
+// Threads still being started while the shutdown runs: each one either was
+// terminated by the protocol or stops itself when it registers, and the
+// protocol waits for those that were starting.
+#include <HvUtil/HvThread.h>
+
+#include <HvUtil/HvProcess.h>
+
+#include <Velmora/Assertion.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class DefaultScheduling : public ::testing::Environment {
+public:
+    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
+};
+::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
+
+class LambdaThread : public HvThread {
+public:
+    explicit LambdaThread(std::function<void(LambdaThread&)> body) : m_body(std::move(body)) {}
+    void run() override { m_body(*this); }
+
+private:
+    std::function<void(LambdaThread&)> m_body;
+};
+
+void ignoreAssertion(const char*, const char*, int)
+{
+}
+
+} // namespace
+
+TEST(HvShutdownRace, ThreadsStartedDuringTheShutdownAllEnd)
+{
+    // Threads made after the flag is set raise the construction assertion;
+    // here that is expected and not the subject.
+    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&ignoreAssertion);
+    HvProcess::sGetCurrent();
+    std::atomic<bool> stop{false};
+    std::atomic<int> forked{0};
+    std::vector<std::thread> starters;
+    for (int s = 0; s < 2; ++s) {
+        starters.emplace_back([&] {
+            while (!stop.load()) {
+                HvHandle<LambdaThread> thread(new LambdaThread([](LambdaThread& self) {
+                    while (self.getState() != HvThread::EXITING)
+                        self.wait(HvThread::kNoTimeout);
+                }));
+                thread->fork();
+                forked.fetch_add(1);
+            }
+        });
+    }
+    while (forked.load() < 50)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+
+    HvThread::sInitiateShutdown();
+    // Starting goes on for a while after the protocol walked the table.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    stop = true;
+    for (std::thread& starter : starters)
+        starter.join();
+
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(HvThread::sWaitUntilDone());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(0u, HvThread::sGetThreadCount());
+    EXPECT_TRUE(HvThread::sIsShutdownCompleted());
+    Velmora::Assertion::sSetHandler(previous);
+}
