@@ -1,82 +1,26 @@
 #include <HvUtil/HvAggregatedObserver.h>
 
-#include <HvUtil/HvByteArrayOutputStream.h>
-#include <HvUtil/HvException.h>
 #include <HvUtil/HvObservable.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 namespace {
 
-struct Note {
-    const HvObservable* sender;
-    const HvObject* object;
-    std::string message;
-};
-
-class CountingObserver : public HvObserver {
+class CountingAggregatedObserver : public hvtest::Counted<HvAggregatedObserver> {
 public:
-    explicit CountingObserver(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObserver() override { ++m_destroyed; }
-
-    void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override
-    {
-        Note note{source.get(), object.get(), std::string()};
-        if (const HvException* e = dynamic_cast<const HvException*>(object.get()))
-            note.message = e->getMessage().c_str();
-        notes.push_back(note);
-    }
-
-    std::vector<Note> notes;
-
-private:
-    int& m_destroyed;
+    CountingAggregatedObserver(HvObserver* owner, int& destroyed) : Counted(destroyed, owner) {}
 };
-
-class CountingAggregatedObserver : public HvAggregatedObserver {
-public:
-    CountingAggregatedObserver(HvObserver* owner, int& destroyed) : HvAggregatedObserver(owner), m_destroyed(destroyed) {}
-    ~CountingAggregatedObserver() override { ++m_destroyed; }
-
-private:
-    int& m_destroyed;
-};
-
-class CountingObservable : public HvObservable {
-public:
-    explicit CountingObservable(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObservable() override { ++m_destroyed; }
-
-private:
-    int& m_destroyed;
-};
-
-class CountingObject : public HvObject {
-public:
-    explicit CountingObject(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObject() override { ++m_destroyed; }
-
-private:
-    int& m_destroyed;
-};
-
-std::string displayed(const HvObject& object)
-{
-    HvByteArrayOutputStream out(0);
-    object.display(out, false);
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
 
 } // namespace
 
 TEST(HvAggregatedObserver, StartsDetachedWithItsOwner)
 {
     int observers = 0;
-    HvHandle<CountingObserver> owner(new CountingObserver(observers));
+    HvHandle<hvtest::CountingObserver> owner(new hvtest::CountingObserver(observers));
     HvAggregatedObserver aggregated(owner.get());
     EXPECT_EQ(owner.get(), aggregated.getOwner());
     EXPECT_TRUE(aggregated.getSource().isNull());
@@ -88,7 +32,7 @@ TEST(HvAggregatedObserver, AddRefAndReleaseChangeTheOwnersCountNotItsOwn)
 {
     int observers = 0, aggregates = 0;
     {
-        HvHandle<CountingObserver> owner(new CountingObserver(observers));
+        HvHandle<hvtest::CountingObserver> owner(new hvtest::CountingObserver(observers));
         CountingAggregatedObserver aggregated(owner.get(), aggregates);
 
         EXPECT_EQ(2, aggregated.AddRef());
@@ -109,7 +53,7 @@ TEST(HvAggregatedObserver, AddRefAndReleaseChangeTheOwnersCountNotItsOwn)
 TEST(HvAggregatedObserver, ReleaseToZeroDestroysTheOwnerOnlyWhenAsked)
 {
     int observers = 0, aggregates = 0;
-    CountingObserver* owner = new CountingObserver(observers);
+    hvtest::CountingObserver* owner = new hvtest::CountingObserver(observers);
     CountingAggregatedObserver* aggregated = new CountingAggregatedObserver(owner, aggregates);
 
     aggregated->AddRef();
@@ -129,7 +73,7 @@ TEST(HvAggregatedObserver, ReleaseToZeroDestroysTheOwnerOnlyWhenAsked)
 TEST(HvAggregatedObserver, HandlesToItCountOnTheOwner)
 {
     int observers = 0, aggregates = 0;
-    HvHandle<CountingObserver> owner(new CountingObserver(observers));
+    HvHandle<hvtest::CountingObserver> owner(new hvtest::CountingObserver(observers));
     CountingAggregatedObserver* aggregated = new CountingAggregatedObserver(owner.get(), aggregates);
     {
         HvHandle<HvObserver> first(aggregated);
@@ -148,9 +92,9 @@ TEST(HvAggregatedObserver, ForwardsNotificationsWithTheSameSourceAndObject)
 {
     int observables = 0, observers = 0, aggregates = 0, objects = 0;
     {
-        HvHandle<CountingObserver> owner(new CountingObserver(observers));
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
-        HvHandle<HvObject> payload(new CountingObject(objects));
+        HvHandle<hvtest::CountingObserver> owner(new hvtest::CountingObserver(observers));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
+        HvHandle<HvObject> payload(new hvtest::CountingObject(objects));
         CountingAggregatedObserver aggregated(owner.get(), aggregates);
 
         source->attachObserver(HvHandle<HvObserver>(&aggregated));
@@ -164,12 +108,9 @@ TEST(HvAggregatedObserver, ForwardsNotificationsWithTheSameSourceAndObject)
         aggregated.onNotification(HvHandle<HvObservable>(), payload);
 
         ASSERT_EQ(3u, owner->notes.size());
-        EXPECT_EQ(source.get(), owner->notes[0].sender);
-        EXPECT_EQ(payload.get(), owner->notes[0].object);
-        EXPECT_EQ(source.get(), owner->notes[1].sender);
-        EXPECT_EQ(nullptr, owner->notes[1].object);
-        EXPECT_EQ(nullptr, owner->notes[2].sender);
-        EXPECT_EQ(payload.get(), owner->notes[2].object);
+        hvtest::expectNote(owner->notes, 0, source.get(), payload.get());
+        hvtest::expectNote(owner->notes, 1, source.get(), nullptr);
+        hvtest::expectNote(owner->notes, 2, nullptr, payload.get());
         EXPECT_EQ(1, payload->getRefCount());
 
         source->detachObserver(HvHandle<HvObserver>(&aggregated));
@@ -185,8 +126,8 @@ TEST(HvAggregatedObserver, DestructorDetachesFromTheSource)
 {
     int observables = 0, observers = 0, aggregates = 0;
     {
-        HvHandle<CountingObserver> owner(new CountingObserver(observers));
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObserver> owner(new hvtest::CountingObserver(observers));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
         CountingAggregatedObserver* aggregated = new CountingAggregatedObserver(owner.get(), aggregates);
         source->attachObserver(HvHandle<HvObserver>(aggregated));
         EXPECT_EQ(1, source->countObservers());
@@ -207,10 +148,10 @@ TEST(HvAggregatedObserver, DestructorDetachesFromTheSource)
 TEST(HvAggregatedObserver, DestructorMayDropTheLastReferenceOfItsSource)
 {
     int observables = 0, observers = 0, aggregates = 0;
-    HvHandle<CountingObserver> owner(new CountingObserver(observers));
+    HvHandle<hvtest::CountingObserver> owner(new hvtest::CountingObserver(observers));
     CountingAggregatedObserver* aggregated = new CountingAggregatedObserver(owner.get(), aggregates);
     {
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
         source->attachObserver(HvHandle<HvObserver>(aggregated));
     }
     EXPECT_EQ(0, observables);
@@ -223,11 +164,11 @@ TEST(HvAggregatedObserver, DestructorMayDropTheLastReferenceOfItsSource)
 TEST(HvAggregatedObserver, OwnerIsToldDisconnectingWithTheSourceAsSender)
 {
     int observables = 0, observers = 0, aggregates = 0;
-    HvHandle<CountingObserver> owner(new CountingObserver(observers));
+    HvHandle<hvtest::CountingObserver> owner(new hvtest::CountingObserver(observers));
     CountingAggregatedObserver* aggregated = new CountingAggregatedObserver(owner.get(), aggregates);
     const HvObservable* address = nullptr;
     {
-        CountingObservable source(observables);
+        hvtest::CountingObservable source(observables);
         address = &source;
         source.attachObserver(HvHandle<HvObserver>(aggregated));
     }
@@ -245,18 +186,17 @@ TEST(HvAggregatedObserver, OwnerThatIsARelayPassesItOnAsItself)
 {
     int observables = 0, observers = 0, aggregates = 0, objects = 0;
     {
-        HvHandle<CountingObservable> relay(new CountingObservable(observables));
-        HvHandle<CountingObserver> top(new CountingObserver(observers));
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
-        HvHandle<HvObject> payload(new CountingObject(objects));
+        HvHandle<hvtest::CountingObservable> relay(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObserver> top(new hvtest::CountingObserver(observers));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
+        HvHandle<HvObject> payload(new hvtest::CountingObject(objects));
         relay->attachObserver(top);
         CountingAggregatedObserver aggregated(relay.get(), aggregates);
         source->attachObserver(HvHandle<HvObserver>(&aggregated));
 
         source->notifyObservers(payload);
         ASSERT_EQ(1u, top->notes.size());
-        EXPECT_EQ(relay.get(), top->notes[0].sender);
-        EXPECT_EQ(payload.get(), top->notes[0].object);
+        hvtest::expectNote(top->notes, 0, relay.get(), payload.get());
 
         relay->detachObserver(top);
     }
@@ -271,6 +211,6 @@ TEST(HvAggregatedObserver, DisplayShowsItsOwnUnusedCount)
     HvHandle<HvObserver> owner(new HvObserver);
     HvAggregatedObserver aggregated(owner.get());
     aggregated.AddRef();
-    EXPECT_EQ("0\tHvAggregatedObserver", displayed(aggregated));
+    EXPECT_EQ("0\tHvAggregatedObserver", hvtest::displayOf(aggregated, false));
     aggregated.Release(true);
 }

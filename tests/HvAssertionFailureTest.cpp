@@ -1,11 +1,12 @@
 #include <HvUtil/HvAssertionFailure.h>
 
-#include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvOutputStream.h>
 
 #include <Velmora/Assertion.h>
 #include <Velmora/LogCapture.h>
 #include <Velmora/MemAllocator.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -16,57 +17,6 @@
 namespace {
 
 const char kTimestamp[] = "Jan  1 2024 12:00:00";
-
-std::string textOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    if (bytes.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
-
-std::string displayOf(const HvException& exception)
-{
-    HvByteArrayOutputStream out(0);
-    exception.display(out);
-    return textOf(out);
-}
-
-template <class F>
-HvHandle<HvException> thrownBy(F f)
-{
-    try {
-        f();
-    } catch (HvHandle<HvException>& e) {
-        return e;
-    }
-    return HvHandle<HvException>();
-}
-
-struct AssertionRecord {
-    int calls = 0;
-    std::string text;
-    std::string file;
-    int line = 0;
-};
-AssertionRecord fs_assertion;
-
-void recordAssertion(const char* text, const char* file, int line)
-{
-    ++fs_assertion.calls;
-    fs_assertion.text = text ? text : "";
-    fs_assertion.file = file ? file : "";
-    fs_assertion.line = line;
-}
-
-class RecordAssertions {
-public:
-    RecordAssertions() : m_previous(Velmora::Assertion::sSetHandler(&recordAssertion)) { fs_assertion = {}; }
-    ~RecordAssertions() { Velmora::Assertion::sSetHandler(m_previous); }
-
-private:
-    Velmora::Assertion::Handler m_previous;
-};
 
 // Keeps what is written and where each flush happened.
 class RecordingStream : public HvOutputStream {
@@ -83,9 +33,9 @@ public:
 
 TEST(HvAssertionFailure, DisplayWritesMessageFileLineAndTimestamp)
 {
-    HvHandle<HvException> e = thrownBy([] { HvAssertionFailure::sThrow("bad", "HvObject", 52, kTimestamp); });
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvAssertionFailure::sThrow("bad", "HvObject", 52, kTimestamp); });
     ASSERT_FALSE(e.isNull());
-    EXPECT_EQ(displayOf(*e), std::string("bad\nHvObject line 52\nCompilation : ") + kTimestamp + "\n");
+    EXPECT_EQ(hvtest::displayOf(*e), std::string("bad\nHvObject line 52\nCompilation : ") + kTimestamp + "\n");
 }
 
 TEST(HvAssertionFailure, DisplayEndsWithALineEndAndAFlush)
@@ -101,7 +51,7 @@ TEST(HvAssertionFailure, DisplayEndsWithALineEndAndAFlush)
 TEST(HvAssertionFailure, KeepsFileLineAndTimestampPointers)
 {
     static const char file[] = "HvObject";
-    HvHandle<HvException> e = thrownBy([] { HvAssertionFailure::sThrow("bad", file, 52, kTimestamp); });
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvAssertionFailure::sThrow("bad", file, 52, kTimestamp); });
     ASSERT_FALSE(e.isNull());
     EXPECT_TRUE(typeid(*e) == typeid(HvAssertionFailure));
     HvAssertionFailure* failure = dynamic_cast<HvAssertionFailure*>(e.get());
@@ -116,32 +66,32 @@ TEST(HvAssertionFailure, KeepsFileLineAndTimestampPointers)
 TEST(HvAssertionFailure, LineIsWrittenUnsigned)
 {
     HvAssertionFailure failure(HvString("big"), "HvFile.cpp", 4000000000u, kTimestamp);
-    EXPECT_EQ(displayOf(failure), std::string("big\nHvFile.cpp line 4000000000\nCompilation : ") + kTimestamp + "\n");
+    EXPECT_EQ(hvtest::displayOf(failure),
+              std::string("big\nHvFile.cpp line 4000000000\nCompilation : ") + kTimestamp + "\n");
 }
 
 TEST(HvAssertionFailure, EmptyMessageStillWritesThePosition)
 {
     HvAssertionFailure failure(HvString(), "HvFile.cpp", 1, kTimestamp);
-    EXPECT_EQ(displayOf(failure), std::string("\nHvFile.cpp line 1\nCompilation : ") + kTimestamp + "\n");
+    EXPECT_EQ(hvtest::displayOf(failure), std::string("\nHvFile.cpp line 1\nCompilation : ") + kTimestamp + "\n");
 }
 
 TEST(HvAssertionFailure, SThrowReportsThroughVelmoraAssertionFirst)
 {
-    RecordAssertions recorder;
+    hvtest::AssertionScope recorder;
     unsigned long failuresBefore = Velmora::Assertion::sGetFailureCount();
-    HvHandle<HvException> e = thrownBy([] { HvAssertionFailure::sThrow("bad", "HvObject", 52, kTimestamp); });
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvAssertionFailure::sThrow("bad", "HvObject", 52, kTimestamp); });
     ASSERT_FALSE(e.isNull());
-    EXPECT_EQ(fs_assertion.calls, 1);
-    EXPECT_EQ(fs_assertion.text, "bad");
-    EXPECT_EQ(fs_assertion.file, "HvObject");
-    EXPECT_EQ(fs_assertion.line, 52);
+    EXPECT_EQ(hvtest::assertionCount(), 1u);
+    hvtest::expectAssertion(hvtest::lastAssertion(), "bad", "HvObject", 52);
     EXPECT_EQ(Velmora::Assertion::sGetFailureCount(), failuresBefore + 1);
 }
 
 TEST(HvAssertionFailure, SThrowLogsTheFailedAssertionAtErrorLevel)
 {
     Velmora::LogCapture capture("ferrowind.velmora.Assertion");
-    HvHandle<HvException> e = thrownBy([] { HvAssertionFailure::sThrow("logged text", "HvObject", 52, kTimestamp); });
+    HvHandle<HvException> e =
+        hvtest::thrownBy([] { HvAssertionFailure::sThrow("logged text", "HvObject", 52, kTimestamp); });
     ASSERT_FALSE(e.isNull());
     std::vector<Velmora::LogRecord> records = capture.records();
     ASSERT_EQ(records.size(), 1u);
@@ -152,7 +102,8 @@ TEST(HvAssertionFailure, SThrowLogsTheFailedAssertionAtErrorLevel)
 
 TEST(HvAssertionFailure, CompileTimestampIsDateAndTimeJoinedByOneSpace)
 {
-    HvHandle<HvException> e = thrownBy([] { HvAssertionFailure::sThrow("t", "HvAssertionFailureTest.cpp", 1, HV_COMPILE_TIMESTAMP); });
+    HvHandle<HvException> e = hvtest::thrownBy(
+        [] { HvAssertionFailure::sThrow("t", "HvAssertionFailureTest.cpp", 1, HV_COMPILE_TIMESTAMP); });
     ASSERT_FALSE(e.isNull());
     const char* timestamp = dynamic_cast<HvAssertionFailure*>(e.get())->getTimestamp();
     EXPECT_EQ(std::string(timestamp), std::string(__DATE__) + " " + __TIME__);

@@ -5,6 +5,8 @@
 #include <Velmora/LogCapture.h>
 #include <Velmora/Logger.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,12 +15,6 @@
 namespace {
 
 const char kLoggerName[] = "ferrowind.hv.HvByteArrayOutputStream";
-
-std::string bytesOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> array = out.toByteArray();
-    return std::string(reinterpret_cast<const char*>(array->getData()), array->getSize());
-}
 
 std::string pattern(unsigned int length, unsigned int seed)
 {
@@ -96,7 +92,7 @@ TEST(HvByteArrayOutputStream, WriteIntStoresTheLowByte)
     out.write(-1);
     out.write(0);
     out.write(-128);
-    EXPECT_EQ(std::string("A\xff\0\x80", 4), bytesOf(out));
+    EXPECT_EQ(std::string("A\xff\0\x80", 4), hvtest::textOf(out));
 }
 
 TEST(HvByteArrayOutputStream, BlockWriteAppendsFromTheOffset)
@@ -104,7 +100,7 @@ TEST(HvByteArrayOutputStream, BlockWriteAppendsFromTheOffset)
     HvByteArrayOutputStream out(0);
     out.write("hello", 5, 0);
     out.write("--world--", 5, 2);
-    EXPECT_EQ("helloworld", bytesOf(out));
+    EXPECT_EQ("helloworld", hvtest::textOf(out));
     EXPECT_EQ(10u, out.getCount());
 }
 
@@ -124,14 +120,14 @@ TEST(HvByteArrayOutputStream, BlockWriteOfNullBufferDoesNothing)
     EXPECT_EQ(0u, out.getCount());
     out.write("ab", 2, 0);
     out.write(static_cast<const void*>(nullptr), 5, 1);
-    EXPECT_EQ("ab", bytesOf(out));
+    EXPECT_EQ("ab", hvtest::textOf(out));
 }
 
 TEST(HvByteArrayOutputStream, FormattedOutputLandsInTheBuffer)
 {
     HvByteArrayOutputStream out(0);
     out << "n=" << 42 << " x=" << 1.5 << endl;
-    EXPECT_EQ("n=42 x=1.500000\n", bytesOf(out));
+    EXPECT_EQ("n=42 x=1.500000\n", hvtest::textOf(out));
 }
 
 TEST(HvByteArrayOutputStream, WriteByteArrayAppendsItsWindow)
@@ -140,7 +136,7 @@ TEST(HvByteArrayOutputStream, WriteByteArrayAppendsItsWindow)
     HvByteArrayOutputStream out(0);
     out.write(array.get(), 7, 0);
     out.write(array.get(), 2, 3);
-    EXPECT_EQ("789234", bytesOf(out));
+    EXPECT_EQ("789234", hvtest::textOf(out));
 }
 
 // ---- growth ----
@@ -158,7 +154,7 @@ TEST(HvByteArrayOutputStream, TenBytesIntoZeroCapacityGiveA266ByteBuffer)
     EXPECT_EQ(266u + 300u + 256u, out.getBuffer()->getSize());
     EXPECT_EQ(822u, out.getBuffer()->getSize());
     EXPECT_EQ(310u, out.getCount());
-    EXPECT_EQ(first + second, bytesOf(out));
+    EXPECT_EQ(first + second, hvtest::textOf(out));
 }
 
 TEST(HvByteArrayOutputStream, WritesThatFitStayInTheSameBuffer)
@@ -176,7 +172,7 @@ TEST(HvByteArrayOutputStream, WritesThatFitStayInTheSameBuffer)
     out.write('!');
     EXPECT_NE(buffer, out.getBuffer().get());
     EXPECT_EQ(259u + 1u + 256u, out.getBuffer()->getSize());
-    EXPECT_EQ("abc" + rest + "!", bytesOf(out));
+    EXPECT_EQ("abc" + rest + "!", hvtest::textOf(out));
 }
 
 TEST(HvByteArrayOutputStream, InitialCapacityIsUsedBeforeGrowing)
@@ -190,7 +186,7 @@ TEST(HvByteArrayOutputStream, InitialCapacityIsUsedBeforeGrowing)
 
     out.write('z');
     EXPECT_EQ(16u + 1u + 256u, out.getBuffer()->getSize());
-    EXPECT_EQ(text + "z", bytesOf(out));
+    EXPECT_EQ(text + "z", hvtest::textOf(out));
 }
 
 TEST(HvByteArrayOutputStream, SharedBufferIsNotWrittenInPlace)
@@ -207,14 +203,14 @@ TEST(HvByteArrayOutputStream, SharedBufferIsNotWrittenInPlace)
     EXPECT_EQ(259u + 1u + 256u, out.getBuffer()->getSize());
     EXPECT_EQ('#', held->getData()[3]);
     EXPECT_EQ("abc", std::string(reinterpret_cast<char*>(held->getData()), 3));
-    EXPECT_EQ("abcX", bytesOf(out));
+    EXPECT_EQ("abcX", hvtest::textOf(out));
     EXPECT_EQ(1, held->getRefCount());
 
     // Once the stream is the only holder it writes in place again.
     const HvByteArray* current = out.getBuffer().get();
     out.write("Y", 1, 0);
     EXPECT_EQ(current, out.getBuffer().get());
-    EXPECT_EQ("abcXY", bytesOf(out));
+    EXPECT_EQ("abcXY", hvtest::textOf(out));
 }
 
 // ---- debug log ----
@@ -311,8 +307,8 @@ TEST(HvByteArrayOutputStream, WriteToCopiesTheCollectedBytesOnly)
     HvByteArrayOutputStream copy(0);
     out.writeTo(&copy);
     out.writeTo(&copy);
-    EXPECT_EQ("hellohello", bytesOf(copy));
-    EXPECT_EQ("hello", bytesOf(out));
+    EXPECT_EQ("hellohello", hvtest::textOf(copy));
+    EXPECT_EQ("hello", hvtest::textOf(out));
 }
 
 TEST(HvByteArrayOutputStream, WriteToWithNothingCollectedWritesNothing)
@@ -331,7 +327,7 @@ TEST(HvByteArrayOutputStream, WriteToNullStreamDoesNothing)
     HvByteArrayOutputStream out(0);
     out.write("abc", 3, 0);
     out.writeTo(nullptr);
-    EXPECT_EQ("abc", bytesOf(out));
+    EXPECT_EQ("abc", hvtest::textOf(out));
 }
 
 TEST(HvByteArrayOutputStream, WriteToItselfDoublesTheContents)
@@ -339,7 +335,7 @@ TEST(HvByteArrayOutputStream, WriteToItselfDoublesTheContents)
     HvByteArrayOutputStream small(0);
     small.write("abc", 3, 0);
     small.writeTo(&small);
-    EXPECT_EQ("abcabc", bytesOf(small));
+    EXPECT_EQ("abcabc", hvtest::textOf(small));
 
     // A full buffer is replaced while its own bytes are being appended.
     HvByteArrayOutputStream full(0);
@@ -350,7 +346,7 @@ TEST(HvByteArrayOutputStream, WriteToItselfDoublesTheContents)
     ASSERT_EQ(266u, full.getCount());
     full.writeTo(&full);
     EXPECT_EQ(532u, full.getCount());
-    EXPECT_EQ(text + text, bytesOf(full));
+    EXPECT_EQ(text + text, hvtest::textOf(full));
 }
 
 // ---- toByteArray ----
@@ -367,11 +363,11 @@ TEST(HvByteArrayOutputStream, ToByteArrayReturnsAFreshCopy)
     EXPECT_EQ(1, buffer->getRefCount());
 
     copy->getData()[0] = 'z';
-    EXPECT_EQ("abc", bytesOf(out));
+    EXPECT_EQ("abc", hvtest::textOf(out));
 
     out.write("d", 1, 0);
     EXPECT_EQ("zbc", std::string(reinterpret_cast<char*>(copy->getData()), copy->getSize()));
-    EXPECT_EQ("abcd", bytesOf(out));
+    EXPECT_EQ("abcd", hvtest::textOf(out));
 }
 
 TEST(HvByteArrayOutputStream, ToByteArrayDoesNotShareTheBuffer)

@@ -4,6 +4,8 @@
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvString.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -36,21 +38,19 @@ HvHandle<HvByteArray> counting(unsigned int length)
     return HvByteArray::sCreate(length, bytes.data());
 }
 
+// What an array holding `text` holds after copy(at, source, count, from);
+// `source` is raw memory or another array, which picks the overload.
+template <class Source>
+std::string afterCopy(const char* text, unsigned int at, Source source, unsigned int count, unsigned int from)
+{
+    HvHandle<HvByteArray> array = HvByteArray::sCreate(static_cast<unsigned int>(std::strlen(text)), text);
+    array->copy(at, source, count, from);
+    return bytesOf(array);
+}
+
 std::vector<unsigned char> contents(const HvHandle<HvByteArray>& array)
 {
     return std::vector<unsigned char>(array->getData(), array->getData() + array->getSize());
-}
-
-// The message of the HvException that f throws, or a marker when it throws none.
-template <class F>
-std::string messageOf(F f)
-{
-    try {
-        f();
-    } catch (HvHandle<HvException>& e) {
-        return e->getMessage().c_str();
-    }
-    return "<no exception>";
 }
 
 } // namespace
@@ -213,9 +213,7 @@ TEST(HvByteArray, CopyAtPositionEightOfFourBytesIntoTenCopiesTwo)
 
 TEST(HvByteArray, CopyInsideTheArrayStartsFromTheSourceOffset)
 {
-    HvHandle<HvByteArray> array = HvByteArray::sCreate(10, "0123456789");
-    array->copy(2, "abcdef", 3, 2);
-    EXPECT_EQ("01cde56789", bytesOf(array));
+    EXPECT_EQ("01cde56789", afterCopy("0123456789", 2, "abcdef", 3, 2));
 }
 
 TEST(HvByteArray, CopyAtOrBeyondTheEndCopiesNothing)
@@ -230,9 +228,7 @@ TEST(HvByteArray, CopyAtOrBeyondTheEndCopiesNothing)
 
 TEST(HvByteArray, CopyOfZeroBytesChangesNothing)
 {
-    HvHandle<HvByteArray> array = HvByteArray::sCreate(4, "wxyz");
-    array->copy(1, "ab", 0, 0);
-    EXPECT_EQ("wxyz", bytesOf(array));
+    EXPECT_EQ("wxyz", afterCopy("wxyz", 1, "ab", 0, 0));
 }
 
 TEST(HvByteArray, CopyFromArrayClipsCountToTheSourceRest)
@@ -247,11 +243,9 @@ TEST(HvByteArray, CopyFromArrayClipsCountToTheSourceRest)
 
 TEST(HvByteArray, CopyFromArrayClipsToBothEnds)
 {
-    HvHandle<HvByteArray> target = HvByteArray::sCreate(10, "0123456789");
     HvHandle<HvByteArray> source = HvByteArray::sCreate("abcde");
     // Clipped to 4 by the source (from 1) and then to 2 by the target (at 8).
-    target->copy(8, source.get(), 5, 1);
-    EXPECT_EQ("01234567bc", bytesOf(target));
+    EXPECT_EQ("01234567bc", afterCopy("0123456789", 8, source.get(), 5, 1));
 }
 
 TEST(HvByteArray, CopyFromArrayStartingAtOrPastItsEndDoesNothing)
@@ -266,17 +260,13 @@ TEST(HvByteArray, CopyFromArrayStartingAtOrPastItsEndDoesNothing)
 
 TEST(HvByteArray, CopyFromArrayBeyondTheTargetEndDoesNothing)
 {
-    HvHandle<HvByteArray> target = HvByteArray::sCreate(4, "wxyz");
     HvHandle<HvByteArray> source = HvByteArray::sCreate("abcde");
-    target->copy(4, source.get(), 5, 0);
-    EXPECT_EQ("wxyz", bytesOf(target));
+    EXPECT_EQ("wxyz", afterCopy("wxyz", 4, source.get(), 5, 0));
 }
 
 TEST(HvByteArray, CopyFromNullArrayDoesNothing)
 {
-    HvHandle<HvByteArray> target = HvByteArray::sCreate(4, "wxyz");
-    target->copy(0, static_cast<const HvByteArray*>(nullptr), 4, 0);
-    EXPECT_EQ("wxyz", bytesOf(target));
+    EXPECT_EQ("wxyz", afterCopy("wxyz", 0, static_cast<const HvByteArray*>(nullptr), 4, 0));
 }
 
 TEST(HvByteArray, CopyWithinTheSameArrayHandlesOverlap)
@@ -315,8 +305,8 @@ TEST(HvByteArray, IndexAtTheLengthThrowsIndexOutOfBounds)
 {
     HvHandle<HvByteArray> array = HvByteArray::sCreate("abc");
     HvByteArray& bytes = *array;
-    EXPECT_EQ("index out of bounds", messageOf([&] { bytes[3] = 'x'; }));
-    EXPECT_EQ("index out of bounds", messageOf([&] { bytes[0xFFFFFFFFu] = 'x'; }));
+    EXPECT_EQ("index out of bounds", hvtest::messageOf([&] { bytes[3] = 'x'; }));
+    EXPECT_EQ("index out of bounds", hvtest::messageOf([&] { bytes[0xFFFFFFFFu] = 'x'; }));
     // The array is intact.
     EXPECT_EQ(3u, array->getSize());
     EXPECT_EQ("abc", bytesOf(array));
@@ -327,8 +317,8 @@ TEST(HvByteArray, ConstIndexAtTheLengthThrowsIndexOutOfBounds)
 {
     HvHandle<HvByteArray> array = HvByteArray::sCreate("abc");
     const HvByteArray& bytes = *array;
-    EXPECT_EQ("index out of bounds", messageOf([&] { (void)bytes[3]; }));
-    EXPECT_EQ("index out of bounds", messageOf([&] { (void)bytes[100]; }));
+    EXPECT_EQ("index out of bounds", hvtest::messageOf([&] { (void)bytes[3]; }));
+    EXPECT_EQ("index out of bounds", hvtest::messageOf([&] { (void)bytes[100]; }));
     EXPECT_EQ("abc", bytesOf(array));
 }
 
@@ -337,21 +327,14 @@ TEST(HvByteArray, IndexIntoAnEmptyArrayThrows)
     HvHandle<HvByteArray> array = HvByteArray::sCreate(0, nullptr);
     HvByteArray& bytes = *array;
     const HvByteArray& constBytes = *array;
-    EXPECT_EQ("index out of bounds", messageOf([&] { (void)bytes[0]; }));
-    EXPECT_EQ("index out of bounds", messageOf([&] { (void)constBytes[0]; }));
+    EXPECT_EQ("index out of bounds", hvtest::messageOf([&] { (void)bytes[0]; }));
+    EXPECT_EQ("index out of bounds", hvtest::messageOf([&] { (void)constBytes[0]; }));
 }
 
 TEST(HvByteArray, IndexOutOfBoundsIsAPlainHvException)
 {
     HvHandle<HvByteArray> array = HvByteArray::sCreate("abc");
-    try {
-        (void)(*array)[5];
-        FAIL() << "no exception";
-    } catch (HvHandle<HvException>& e) {
-        ASSERT_FALSE(e.isNull());
-        EXPECT_STREQ("HvException", e->getClassName());
-        EXPECT_STREQ("index out of bounds", e->getMessage().c_str());
-    }
+    hvtest::expectPlainHvException([&] { (void)(*array)[5]; }, "index out of bounds");
 }
 
 // ---------------------------------------------------------------- hashCode
@@ -406,22 +389,22 @@ TEST(HvByteArray, CompareWithAnotherArrayThrowsEvenForEqualBytes)
 {
     HvHandle<HvByteArray> a = HvByteArray::sCreate("abc");
     HvHandle<HvByteArray> b = HvByteArray::sCreate("abc");
-    EXPECT_EQ("HvByteArray::compareWith", messageOf([&] { a->compareWith(b.get()); }));
+    EXPECT_EQ("HvByteArray::compareWith", hvtest::messageOf([&] { a->compareWith(b.get()); }));
     HvHandle<HvByteArray> c = HvByteArray::sCreate("xyz");
-    EXPECT_EQ("HvByteArray::compareWith", messageOf([&] { a->compareWith(c.get()); }));
+    EXPECT_EQ("HvByteArray::compareWith", hvtest::messageOf([&] { a->compareWith(c.get()); }));
 }
 
 TEST(HvByteArray, CompareWithNullThrows)
 {
     HvHandle<HvByteArray> a = HvByteArray::sCreate("abc");
-    EXPECT_EQ("HvByteArray::compareWith", messageOf([&] { a->compareWith(nullptr); }));
+    EXPECT_EQ("HvByteArray::compareWith", hvtest::messageOf([&] { a->compareWith(nullptr); }));
 }
 
 TEST(HvByteArray, CompareWithAnotherClassThrows)
 {
     HvHandle<HvByteArray> a = HvByteArray::sCreate("abc");
     HvString text("abc");
-    EXPECT_EQ("HvByteArray::compareWith", messageOf([&] { a->compareWith(text.get()); }));
+    EXPECT_EQ("HvByteArray::compareWith", hvtest::messageOf([&] { a->compareWith(text.get()); }));
 }
 
 // ---------------------------------------------------------------- display

@@ -2,6 +2,8 @@
 
 #include <Velmora/MemAllocator.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -11,20 +13,14 @@ namespace {
 
 long liveCopies()
 {
-    return Velmora::allocationStats("HvConstString").liveCount;
+    return hvtest::liveCount("HvConstString");
 }
-
-// Declared first in a test, so it is checked after every object is gone.
-struct CopyLeakCheck {
-    long before = liveCopies();
-    ~CopyLeakCheck() { EXPECT_EQ(liveCopies(), before) << "HvConstString blocks leaked"; }
-};
 
 } // namespace
 
 TEST(HvConstString, NullTextGivesNullDataAndLengthZero)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     long before = liveCopies();
     HvConstString none(nullptr, 0);
     EXPECT_EQ(none.getData(), nullptr);
@@ -37,7 +33,7 @@ TEST(HvConstString, NullTextGivesNullDataAndLengthZero)
 
 TEST(HvConstString, TextIsCopiedWithExactLength)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     long before = liveCopies();
     const char source[] = "abc";
     {
@@ -52,7 +48,7 @@ TEST(HvConstString, TextIsCopiedWithExactLength)
 
 TEST(HvConstString, CopyTakesOnlyGivenLengthAndTerminates)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     HvConstString prefix("abcdef", 3);
     EXPECT_EQ(prefix.getLength(), 3u);
     EXPECT_STREQ(prefix.getData(), "abc");
@@ -60,7 +56,7 @@ TEST(HvConstString, CopyTakesOnlyGivenLengthAndTerminates)
 
 TEST(HvConstString, CopyBlockIsLengthPlusOneBytes)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     long bytesBefore = Velmora::allocationStats("HvConstString").liveBytes;
     HvConstString copy("hello", 5);
     EXPECT_EQ(Velmora::allocationStats("HvConstString").liveBytes - bytesBefore, 6);
@@ -68,7 +64,7 @@ TEST(HvConstString, CopyBlockIsLengthPlusOneBytes)
 
 TEST(HvConstString, LengthZeroWithTextPointsAtSharedEmptyText)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     long before = liveCopies();
     HvConstString first("not measured", 0);
     HvConstString second("", 0);
@@ -81,7 +77,7 @@ TEST(HvConstString, LengthZeroWithTextPointsAtSharedEmptyText)
 
 TEST(HvConstString, ReleaseBufferFreesCopyAndNullsData)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     long before = liveCopies();
     HvConstString copy("abc", 3);
     copy.releaseBuffer();
@@ -100,7 +96,7 @@ TEST(HvConstString, ReleaseBufferFreesCopyAndNullsData)
 
 TEST(HvConstString, AssignReturnsCopyAndLeavesDataNull)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     long before = liveCopies();
     HvConstString object("old", 3);
     const char source[] = "hello";
@@ -118,7 +114,7 @@ TEST(HvConstString, AssignReturnsCopyAndLeavesDataNull)
 
 TEST(HvConstString, AssignOfNullOrEmptyReturnsNull)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     long before = liveCopies();
     HvConstString object("abc", 3);
     EXPECT_EQ(object.assign(nullptr), nullptr);
@@ -135,7 +131,7 @@ TEST(HvConstString, AssignOfNullOrEmptyReturnsNull)
 
 TEST(HvConstString, DestructionAfterAssignLeavesCallersCopyAlone)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     long before = liveCopies();
     char* copy = nullptr;
     {
@@ -152,7 +148,7 @@ TEST(HvConstString, DestructionAfterAssignLeavesCallersCopyAlone)
 
 TEST(HvConstString, CaseChangeIsAsciiOnlyOverLength)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     HvConstString text("Hello \xC4\xE4 @[`{ 42 z", 18);
     text.toUpper();
     EXPECT_EQ(std::string(text.getData()), "HELLO \xC4\xE4 @[`{ 42 Z");
@@ -162,7 +158,7 @@ TEST(HvConstString, CaseChangeIsAsciiOnlyOverLength)
 
 TEST(HvConstString, CaseChangeWithoutDataDoesNothing)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     HvConstString none(nullptr, 0);
     none.toUpper();
     none.toLower();
@@ -183,7 +179,7 @@ TEST(HvConstString, CaseChangeWithoutDataDoesNothing)
 
 TEST(HvConstString, IndexOfCases)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     HvConstString hello("hello", 5);
     EXPECT_EQ(hello.indexOf("l", 3), 3);
     EXPECT_EQ(hello.indexOf("l", 0), 2);
@@ -203,7 +199,7 @@ TEST(HvConstString, IndexOfCases)
 
 TEST(HvConstString, CompareIsEqualityWithNullRules)
 {
-    CopyLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvConstString");
     HvConstString none(nullptr, 0);
     EXPECT_EQ(none.compare(nullptr), 1);
     EXPECT_EQ(none.compare(""), 1);

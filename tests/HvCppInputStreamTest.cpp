@@ -4,7 +4,7 @@
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvObserver.h>
 
-#include <Velmora/Assertion.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +13,7 @@
 #include <sstream>
 #include <streambuf>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -54,6 +55,23 @@ private:
     std::streamsize m_estimate;
 };
 
+// An istream that owns its stream buffer.
+template <class Buffer>
+class OwningStream : public std::istream {
+public:
+    template <class... Args>
+    explicit OwningStream(Args&&... args) : std::istream(nullptr), m_buffer(std::forward<Args>(args)...)
+    {
+        rdbuf(&m_buffer);
+    }
+
+private:
+    Buffer m_buffer;
+};
+
+using ChunkedStream = OwningStream<ChunkedBuffer>;
+using EstimatingStream = OwningStream<EstimatingBuffer>;
+
 class RecordingObserver : public HvObserver {
 public:
     void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override
@@ -67,8 +85,6 @@ public:
     int nilObjects = 0;
     const HvObservable* lastSource = nullptr;
 };
-
-void ignoreAssertion(const char*, const char*, int) {}
 
 } // namespace
 
@@ -102,13 +118,11 @@ TEST(HvCppInputStream, AvailableCountsBufferedCharacters)
 
 TEST(HvCppInputStream, AvailableFallsBackToTheBufferEstimate)
 {
-    EstimatingBuffer estimating("abc", 7);
-    std::istream estimated(&estimating);
+    EstimatingStream estimated("abc", 7);
     HvHandle<HvCppInputStream> in(new HvCppInputStream(estimated));
     EXPECT_EQ(7u, in->available());
 
-    ChunkedBuffer chunked("abc", 2);
-    std::istream unbuffered(&chunked);
+    ChunkedStream unbuffered("abc", 2);
     HvHandle<HvCppInputStream> none(new HvCppInputStream(unbuffered));
     EXPECT_EQ(0u, none->available());
     EXPECT_EQ('a', none->read());
@@ -155,8 +169,7 @@ TEST(HvCppInputStream, BlockReadTakesBufferedBytesToBufferOffset)
 
 TEST(HvCppInputStream, BlockReadWithNothingBufferedWaitsForTheFirstByte)
 {
-    ChunkedBuffer chunked("abcdefgh", 3);
-    std::istream source(&chunked);
+    ChunkedStream source("abcdefgh", 3);
     HvHandle<HvCppInputStream> in(new HvCppInputStream(source));
     char buffer[12];
     std::memset(buffer, '.', sizeof(buffer));
@@ -172,8 +185,7 @@ TEST(HvCppInputStream, BlockReadWithNothingBufferedWaitsForTheFirstByte)
 
 TEST(HvCppInputStream, BlockReadOfOneWithNothingBufferedReadsOneByte)
 {
-    ChunkedBuffer chunked("abc", 3);
-    std::istream source(&chunked);
+    ChunkedStream source("abc", 3);
     HvHandle<HvCppInputStream> in(new HvCppInputStream(source));
     char buffer[6];
     std::memset(buffer, '.', sizeof(buffer));
@@ -184,8 +196,7 @@ TEST(HvCppInputStream, BlockReadOfOneWithNothingBufferedReadsOneByte)
 
 TEST(HvCppInputStream, BlockReadWithNothingBufferedStopsAtTheRequestedLength)
 {
-    ChunkedBuffer chunked("abcdef", 4);
-    std::istream source(&chunked);
+    ChunkedStream source("abcdef", 4);
     HvHandle<HvCppInputStream> in(new HvCppInputStream(source));
     char buffer[4];
     EXPECT_EQ(2, in->read(buffer, 2, 0));
@@ -195,8 +206,7 @@ TEST(HvCppInputStream, BlockReadWithNothingBufferedStopsAtTheRequestedLength)
 
 TEST(HvCppInputStream, BlockReadReturnsOneWhenOnlyTheFirstByteArrived)
 {
-    ChunkedBuffer chunked("xyz", 1);
-    std::istream source(&chunked);
+    ChunkedStream source("xyz", 1);
     HvHandle<HvCppInputStream> in(new HvCppInputStream(source));
     char buffer[4];
     EXPECT_EQ(1, in->read(buffer, 4, 0));
@@ -241,8 +251,7 @@ TEST(HvCppInputStream, BlockWithDataReturnsTrueAndNotifiesOnceWithNil)
 
 TEST(HvCppInputStream, BlockWithNothingBufferedWaitsAndPutsTheByteBack)
 {
-    ChunkedBuffer chunked("abc", 1);
-    std::istream source(&chunked);
+    ChunkedStream source("abc", 1);
     HvHandle<HvCppInputStream> in(new HvCppInputStream(source));
     HvHandle<RecordingObserver> observer(new RecordingObserver);
     in->attachObserver(observer);
@@ -302,7 +311,7 @@ TEST(HvCppInputStream, SkipReadsThroughTheBlockRead)
 
 TEST(HvCppInputStream, MarkIsNotSupportedAndResetThrows)
 {
-    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&ignoreAssertion);
+    hvtest::AssertionScope quiet(&hvtest::ignoreAssertion);
     std::istringstream source("abc");
     HvHandle<HvCppInputStream> in(new HvCppInputStream(source));
     EXPECT_FALSE(in->markSupported());
@@ -316,7 +325,6 @@ TEST(HvCppInputStream, MarkIsNotSupportedAndResetThrows)
         EXPECT_STREQ("HvInputStream::reset()", e->getMessage().c_str());
         EXPECT_NE(nullptr, dynamic_cast<HvAssertionFailure*>(e.get()));
     }
-    Velmora::Assertion::sSetHandler(previous);
     EXPECT_TRUE(thrown);
     EXPECT_EQ('b', in->read());
 }

@@ -3,44 +3,17 @@
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvSystemError.h>
 
-#include <Velmora/MemAllocator.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <pthread.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 #include <vector>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-template <class Condition>
-bool waitFor(Condition condition, std::chrono::milliseconds limit = std::chrono::milliseconds(5000))
-{
-    Clock::time_point deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-const std::chrono::milliseconds kHoldWindow(50);
-
-long liveSections()
-{
-    return Velmora::allocationStats("HvCriticalSection").liveCount;
-}
-
-long liveRecursiveMutexes()
-{
-    return Velmora::allocationStats("HvRecursiveMutex").liveCount;
-}
 
 // Sections misused on purpose: their lock stays blocked for good, so they are
 // parked here instead of being recycled or used again. A plain array is never
@@ -99,10 +72,10 @@ TEST(HvCriticalSection, RecycledSectionsComeBackLastInFirstOut)
     // Pooled sections still count as existing.
     EXPECT_EQ(HvCriticalSection::sGetExistingCount(), existing);
 
-    long sections = liveSections();
+    long sections = hvtest::liveCount("HvCriticalSection");
     EXPECT_EQ(HvCriticalSection::sAllocate(), b);
     EXPECT_EQ(HvCriticalSection::sAllocate(), a);
-    EXPECT_EQ(liveSections(), sections);
+    EXPECT_EQ(hvtest::liveCount("HvCriticalSection"), sections);
     EXPECT_EQ(HvCriticalSection::sGetExistingCount(), existing);
 
     HvCriticalSection::sRecycle(a);
@@ -126,11 +99,11 @@ TEST(HvCriticalSection, RecycleNullIsIgnoredButCounted)
 
     unsigned int recycles = HvCriticalSection::sGetRecycleCount();
     int existing = HvCriticalSection::sGetExistingCount();
-    long sections = liveSections();
+    long sections = hvtest::liveCount("HvCriticalSection");
     HvCriticalSection::sRecycle(nullptr);
     EXPECT_EQ(HvCriticalSection::sGetRecycleCount(), recycles + 1);
     EXPECT_EQ(HvCriticalSection::sGetExistingCount(), existing);
-    EXPECT_EQ(liveSections(), sections);
+    EXPECT_EQ(hvtest::liveCount("HvCriticalSection"), sections);
 
     // The free list is untouched: its head is still the section put back last.
     HvCriticalSection* again = HvCriticalSection::sAllocate();
@@ -162,23 +135,23 @@ TEST(HvCriticalSection, SectionsBeyondLimitAreDestroyedBelowItPooled)
         held.push_back(HvCriticalSection::sAllocate());
     ASSERT_EQ(HvCriticalSection::sGetExistingCount(), 1024);
 
-    long sections = liveSections();
-    long mutexes = liveRecursiveMutexes();
+    long sections = hvtest::liveCount("HvCriticalSection");
+    long mutexes = hvtest::liveCount("HvRecursiveMutex");
 
     // The 1024th existing section is destroyed, with its recursive mutex.
     HvCriticalSection::sRecycle(held.back());
     held.pop_back();
     EXPECT_EQ(HvCriticalSection::sGetExistingCount(), 1023);
-    EXPECT_EQ(liveSections(), sections - 1);
-    EXPECT_EQ(liveRecursiveMutexes(), mutexes - 1);
+    EXPECT_EQ(hvtest::liveCount("HvCriticalSection"), sections - 1);
+    EXPECT_EQ(hvtest::liveCount("HvRecursiveMutex"), mutexes - 1);
 
     // With 1023 in existence a recycled section is pooled...
     HvCriticalSection* pooled = held.back();
     held.pop_back();
     HvCriticalSection::sRecycle(pooled);
     EXPECT_EQ(HvCriticalSection::sGetExistingCount(), 1023);
-    EXPECT_EQ(liveSections(), sections - 1);
-    EXPECT_EQ(liveRecursiveMutexes(), mutexes - 1);
+    EXPECT_EQ(hvtest::liveCount("HvCriticalSection"), sections - 1);
+    EXPECT_EQ(hvtest::liveCount("HvRecursiveMutex"), mutexes - 1);
 
     // ...and handed out again by the next allocation.
     HvCriticalSection* again = HvCriticalSection::sAllocate();
@@ -200,8 +173,8 @@ TEST(HvCriticalSection, SectionsBeyondLimitAreDestroyedBelowItPooled)
     for (HvCriticalSection* section : held)
         HvCriticalSection::sRecycle(section);
     EXPECT_EQ(HvCriticalSection::sGetExistingCount(), 1023);
-    EXPECT_EQ(liveSections(), sections - 1);
-    EXPECT_EQ(liveRecursiveMutexes(), mutexes - 1);
+    EXPECT_EQ(hvtest::liveCount("HvCriticalSection"), sections - 1);
+    EXPECT_EQ(hvtest::liveCount("HvRecursiveMutex"), mutexes - 1);
 }
 
 TEST(HvCriticalSection, EnterFromTwoThreadsExcludesEachOther)
@@ -220,11 +193,11 @@ TEST(HvCriticalSection, EnterFromTwoThreadsExcludesEachOther)
         entered = true;
         section->leave();
     });
-    EXPECT_TRUE(waitFor([&] { return started.load(); }));
-    std::this_thread::sleep_for(kHoldWindow);
+    EXPECT_TRUE(hvtest::waitUntil([&] { return started.load(); }));
+    std::this_thread::sleep_for(hvtest::kHoldWindow);
     EXPECT_FALSE(entered.load());
     section->leave();
-    EXPECT_TRUE(waitFor([&] { return entered.load(); }));
+    EXPECT_TRUE(hvtest::waitUntil([&] { return entered.load(); }));
     other.join();
     EXPECT_TRUE(ownerIsSelf);
     EXPECT_EQ(depthSeen, 1u);
@@ -238,26 +211,10 @@ TEST(HvCriticalSection, SectionProtectsCounterAcrossThreads)
     HvCriticalSection* section = HvCriticalSection::sAllocate();
     const int kThreads = 2;
     const int kRounds = 10000;
-    long counter = 0;
-    std::atomic<int> inside{0};
-    std::atomic<int> overlaps{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < kRounds; ++i) {
-                section->enter();
-                if (inside.fetch_add(1) != 0)
-                    overlaps.fetch_add(1);
-                ++counter;
-                inside.fetch_sub(1);
-                section->leave();
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
-    EXPECT_EQ(overlaps.load(), 0);
+    hvtest::ExclusionResult result =
+        hvtest::runExclusively(kThreads, kRounds, [&] { section->enter(); }, [&] { section->leave(); });
+    EXPECT_EQ(result.counter, static_cast<long>(kThreads) * kRounds);
+    EXPECT_EQ(result.overlaps, 0);
     HvCriticalSection::sRecycle(section);
 }
 
@@ -268,22 +225,10 @@ TEST(HvCriticalSection, LeaveByForeignThreadThrows)
     HvCriticalSection* section = HvCriticalSection::sAllocate();
     fs_abandoned[fs_abandonedCount++ % 64] = section;
     section->enter();
-    bool thrown = false;
-    bool isSystemError = false;
-    std::string message;
-    std::thread intruder([&] {
-        try {
-            section->leave();
-        } catch (HvHandle<HvException>& e) {
-            thrown = true;
-            isSystemError = dynamic_cast<HvSystemError*>(e.get()) != nullptr;
-            message = e->getMessage().c_str();
-        }
-    });
-    intruder.join();
-    EXPECT_TRUE(thrown);
-    EXPECT_TRUE(isSystemError);
-    EXPECT_EQ(message, "unlockI - not owner or not locked");
+    HvHandle<HvException> e = hvtest::thrownOnOtherThread([&] { section->leave(); });
+    ASSERT_FALSE(e.isNull()) << "leave() by a foreign thread did not throw";
+    EXPECT_NE(dynamic_cast<HvSystemError*>(e.get()), nullptr);
+    EXPECT_STREQ(e->getMessage().c_str(), "unlockI - not owner or not locked");
     // The intruder changed nothing: the real holder is still recorded.
     EXPECT_EQ(1u, section->getDepth());
     EXPECT_TRUE(pthread_equal(pthread_self(), section->getOwner()));
@@ -293,13 +238,7 @@ TEST(HvCriticalSection, LeaveOfAFreeSectionThrowsAndKeepsDepthZero)
 {
     HvCriticalSection* section = HvCriticalSection::sAllocate();
     fs_abandoned[fs_abandonedCount++ % 64] = section;
-    std::string message;
-    try {
-        section->leave();
-    } catch (HvHandle<HvException>& e) {
-        message = e->getMessage().c_str();
-    }
-    EXPECT_EQ(message, "unlockI - not owner or not locked");
+    EXPECT_EQ(hvtest::messageOf([&] { section->leave(); }), "unlockI - not owner or not locked");
     EXPECT_EQ(0u, section->getDepth());
     EXPECT_EQ(pthread_t(0), section->getOwner());
 }

@@ -1,10 +1,11 @@
 #include <HvUtil/HvErrorStream.h>
 
-#include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvOutputSink.h>
 
 #include <Velmora/MemAllocator.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -13,12 +14,6 @@
 #include <vector>
 
 namespace {
-
-std::string bytesOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> array = out.toByteArray();
-    return std::string(reinterpret_cast<const char*>(array->getData()), array->getSize());
-}
 
 // Records what is forwarded to it: each write(int) value, each block write
 // with its arguments, and each flush.
@@ -75,7 +70,7 @@ TEST(HvErrorStream, WriteIntGoesToTheTarget)
     HvErrorStream toBytes(&bytes);
     toBytes.write('a');
     toBytes.write(0x142);
-    EXPECT_EQ("aB", bytesOf(bytes));
+    EXPECT_EQ("aB", hvtest::textOf(bytes));
 }
 
 TEST(HvErrorStream, BlockWriteGoesToTheTargetUnchanged)
@@ -93,7 +88,7 @@ TEST(HvErrorStream, BlockWriteGoesToTheTargetUnchanged)
     HvByteArrayOutputStream bytes(0);
     HvErrorStream toBytes(&bytes);
     toBytes.write(text, 4, 3);
-    EXPECT_EQ("3456", bytesOf(bytes));
+    EXPECT_EQ("3456", hvtest::textOf(bytes));
 }
 
 TEST(HvErrorStream, WriteTextPassesItsTerminatingNul)
@@ -101,11 +96,11 @@ TEST(HvErrorStream, WriteTextPassesItsTerminatingNul)
     HvByteArrayOutputStream bytes(0);
     HvErrorStream errors(&bytes);
     errors.write("ab");
-    EXPECT_EQ(std::string("ab\0", 3), bytesOf(bytes));
+    EXPECT_EQ(std::string("ab\0", 3), hvtest::textOf(bytes));
     EXPECT_EQ(3u, bytes.getCount());
 
     errors.write("");
-    EXPECT_EQ(std::string("ab\0\0", 4), bytesOf(bytes));
+    EXPECT_EQ(std::string("ab\0\0", 4), hvtest::textOf(bytes));
 }
 
 TEST(HvErrorStream, WriteOfNilTextWritesNothing)
@@ -121,7 +116,7 @@ TEST(HvErrorStream, StreamedTextHasNoNul)
     HvByteArrayOutputStream bytes(0);
     HvErrorStream errors(&bytes);
     errors << "ab" << 12 << endl;
-    EXPECT_EQ("ab12\n", bytesOf(bytes));
+    EXPECT_EQ("ab12\n", hvtest::textOf(bytes));
 }
 
 TEST(HvErrorStream, FlushGoesToTheTarget)
@@ -239,7 +234,7 @@ TEST(HvErrorStream, ModeBelowTheLevelGivesTheTarget)
 
     *errors.getDebugStream("x", 2) << "shown";
     *errors.getDebugStream("x", 3) << "hidden";
-    EXPECT_EQ("shown", bytesOf(bytes));
+    EXPECT_EQ("shown", hvtest::textOf(bytes));
 }
 
 TEST(HvErrorStream, ModeWithoutTargetGivesTheStreamItself)
@@ -355,7 +350,7 @@ TEST(HvErrorStream, SetDefaultReturnsThePreviousOne)
     EXPECT_EQ(original, HvErrorStream::sSetDefault(&mine));
     EXPECT_EQ(&mine, HvErrorStream::sGetDefault());
     *HvErrorStream::sGetDefault() << "via default";
-    EXPECT_EQ("via default", bytesOf(bytes));
+    EXPECT_EQ("via default", hvtest::textOf(bytes));
 
     EXPECT_EQ(&mine, HvErrorStream::sSetDefault(original));
     EXPECT_EQ(original, HvErrorStream::sGetDefault());

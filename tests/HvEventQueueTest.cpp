@@ -5,6 +5,8 @@
 
 #include <Velmora/MemAllocator.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <pthread.h>
@@ -12,7 +14,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -21,23 +22,7 @@
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 // Time given to a thread that must stay blocked, before checking that it did.
 void settle()
@@ -76,21 +61,6 @@ std::multiset<int> deleted()
 int idOf(HvBaseEvent* event)
 {
     return event ? static_cast<TestEvent*>(event)->m_id : -1;
-}
-
-class LambdaThread : public HvThread {
-public:
-    explicit LambdaThread(std::function<void(LambdaThread&)> body) : m_body(std::move(body)) {}
-    void run() override { m_body(*this); }
-
-private:
-    std::function<void(LambdaThread&)> m_body;
-};
-
-bool ended(HvThread* thread)
-{
-    return thread->getState() == HvThread::DETACHED && thread->getToken() != 0 &&
-           HvThread::sGetByToken(thread->getToken()) != thread;
 }
 
 void ignoreSignal(int)
@@ -186,7 +156,7 @@ TEST(HvEventQueue, FullRingBlocksTheNextAddUntilOneGet)
 
     std::unique_ptr<HvBaseEvent> first(queue.getItem());
     EXPECT_EQ(0, idOf(first.get()));
-    ASSERT_TRUE(waitUntil([&] { return added.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return added.load(); }));
     producer.join();
     EXPECT_EQ(4096u, queue.getSize());
     for (int id = 1; id <= 4096; ++id) {
@@ -207,7 +177,7 @@ TEST(HvEventQueue, EmptyRingBlocksTheConsumerUntilAnAdd)
     settle();
     EXPECT_EQ(-2, received.load());
     queue.addItem(new TestEvent(42));
-    ASSERT_TRUE(waitUntil([&] { return received.load() == 42; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return received.load() == 42; }));
     consumer.join();
 }
 
@@ -229,7 +199,7 @@ TEST(HvEventQueue, InterruptedWaitIsResumed)
         std::unique_ptr<HvBaseEvent> event(queue.getItem());
         received = idOf(event.get());
     });
-    ASSERT_TRUE(waitUntil([&] { return started.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return started.load(); }));
     settle();
     for (int i = 0; i < 5; ++i) {
         pthread_kill(consumer.native_handle(), SIGUSR1);
@@ -238,7 +208,7 @@ TEST(HvEventQueue, InterruptedWaitIsResumed)
     settle();
     EXPECT_EQ(-2, received.load());
     queue.addItem(new TestEvent(5));
-    ASSERT_TRUE(waitUntil([&] { return received.load() == 5; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return received.load() == 5; }));
     consumer.join();
     sigaction(SIGUSR1, &previous, nullptr);
 }
@@ -305,7 +275,7 @@ TEST(HvEventQueue, WakeUpAllReleasesATerminatedConsumerWithNull)
     std::atomic<bool> inGetItem{false};
     std::atomic<bool> returned{false};
     std::atomic<int> result{-2};
-    HvHandle<LambdaThread> consumer(new LambdaThread([&](LambdaThread&) {
+    HvHandle<hvtest::LambdaThread> consumer(new hvtest::LambdaThread([&](hvtest::LambdaThread&) {
         inGetItem = true;
         HvBaseEvent* event = queue.getItem();
         result = idOf(event);
@@ -313,7 +283,7 @@ TEST(HvEventQueue, WakeUpAllReleasesATerminatedConsumerWithNull)
         returned = true;
     }));
     consumer->fork();
-    ASSERT_TRUE(waitUntil([&] { return inGetItem.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return inGetItem.load(); }));
     settle();
     EXPECT_FALSE(returned.load());
     // The stop request alone does not reach a thread blocked on the semaphore.
@@ -321,10 +291,10 @@ TEST(HvEventQueue, WakeUpAllReleasesATerminatedConsumerWithNull)
     settle();
     EXPECT_FALSE(returned.load());
     queue.WakeUpAll();
-    ASSERT_TRUE(waitUntil([&] { return returned.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return returned.load(); }));
     EXPECT_EQ(-1, result.load());
     EXPECT_EQ(0u, queue.getSize());
-    ASSERT_TRUE(waitUntil([&] { return ended(consumer.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(consumer.get()); }));
 }
 
 TEST(HvEventQueue, TerminatedConsumerGetsNullWithoutTouchingTheRing)
@@ -332,7 +302,7 @@ TEST(HvEventQueue, TerminatedConsumerGetsNullWithoutTouchingTheRing)
     HvEventQueue queue(HvEventQueue::UNLOCKED);
     std::atomic<bool> returned{false};
     std::atomic<int> result{-2};
-    HvHandle<LambdaThread> consumer(new LambdaThread([&](LambdaThread& self) {
+    HvHandle<hvtest::LambdaThread> consumer(new hvtest::LambdaThread([&](hvtest::LambdaThread& self) {
         // Sleeps until terminated, then tries to take an event.
         while (self.getState() != HvThread::EXITING)
             self.wait(HvThread::kNoTimeout);
@@ -342,13 +312,13 @@ TEST(HvEventQueue, TerminatedConsumerGetsNullWithoutTouchingTheRing)
         returned = true;
     }));
     consumer->fork();
-    ASSERT_TRUE(waitUntil([&] { return consumer->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return consumer->getState() == HvThread::BLOCKED; }));
     queue.addItem(new TestEvent(9));
     consumer->terminate();
-    ASSERT_TRUE(waitUntil([&] { return returned.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return returned.load(); }));
     EXPECT_EQ(-1, result.load());
     EXPECT_EQ(1u, queue.getSize());
-    ASSERT_TRUE(waitUntil([&] { return ended(consumer.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(consumer.get()); }));
 }
 
 TEST(HvEventQueue, WakeUpAllReleasesATerminatedProducerWhichDropsItsEvent)
@@ -359,21 +329,21 @@ TEST(HvEventQueue, WakeUpAllReleasesATerminatedProducerWhichDropsItsEvent)
         queue.addItem(new TestEvent(id));
     std::atomic<bool> inAddItem{false};
     std::atomic<bool> returned{false};
-    HvHandle<LambdaThread> producer(new LambdaThread([&](LambdaThread&) {
+    HvHandle<hvtest::LambdaThread> producer(new hvtest::LambdaThread([&](hvtest::LambdaThread&) {
         inAddItem = true;
         queue.addItem(new TestEvent(5000));
         returned = true;
     }));
     producer->fork();
-    ASSERT_TRUE(waitUntil([&] { return inAddItem.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return inAddItem.load(); }));
     settle();
     EXPECT_FALSE(returned.load());
     producer->terminate();
     queue.WakeUpAll();
-    ASSERT_TRUE(waitUntil([&] { return returned.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return returned.load(); }));
     EXPECT_EQ(1u, deleted().count(5000));
     EXPECT_EQ(4096u, queue.getSize());
-    ASSERT_TRUE(waitUntil([&] { return ended(producer.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(producer.get()); }));
     std::unique_ptr<HvBaseEvent> first(queue.getItem());
     EXPECT_EQ(0, idOf(first.get()));
 }
@@ -393,7 +363,7 @@ TEST(HvEventQueue, WakeUpAllOnAConsumerThatIsNotTerminatedLeavesTheRingIntact)
     });
     settle();
     queue.WakeUpAll();
-    ASSERT_TRUE(waitUntil([&] { return returned.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return returned.load(); }));
     consumer.join();
     EXPECT_EQ(-1, result.load());
     EXPECT_EQ(0u, queue.getSize());

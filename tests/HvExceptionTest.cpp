@@ -3,12 +3,11 @@
 #include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvString.h>
 
-#include <Velmora/MemAllocator.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -25,62 +24,24 @@ public:
     ~CountingException() override { ++fs_destroyed; }
 };
 
-std::string textOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    if (bytes.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
-
-std::string displayOf(const HvException& exception)
-{
-    HvByteArrayOutputStream out(0);
-    exception.display(out);
-    return textOf(out);
-}
-
-std::string hexAddress(const void* p)
-{
-    char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%08lX", reinterpret_cast<unsigned long>(p));
-    return buffer;
-}
-
-long liveStringBuffers()
-{
-    return Velmora::allocationStats("HvStringBuffer").liveCount;
-}
-
-template <class F>
-HvHandle<HvException> thrownBy(F f)
-{
-    try {
-        f();
-    } catch (HvHandle<HvException>& e) {
-        return e;
-    }
-    return HvHandle<HvException>();
-}
-
 } // namespace
 
 TEST(HvException, SThrowWithNullTextThrowsUnknownException)
 {
-    HvHandle<HvException> e = thrownBy([] { HvException::sThrow(static_cast<const char*>(nullptr)); });
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvException::sThrow(static_cast<const char*>(nullptr)); });
     ASSERT_FALSE(e.isNull());
     EXPECT_TRUE(typeid(*e) == typeid(HvException));
     EXPECT_STREQ(e->getMessage().c_str(), "Unknown Exception");
-    EXPECT_EQ(displayOf(*e), "Unknown Exception");
+    EXPECT_EQ(hvtest::displayOf(*e), "Unknown Exception");
 }
 
 TEST(HvException, SThrowWithTextThrowsThatMessage)
 {
-    HvHandle<HvException> e = thrownBy([] { HvException::sThrow("something broke"); });
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvException::sThrow("something broke"); });
     ASSERT_FALSE(e.isNull());
     EXPECT_TRUE(typeid(*e) == typeid(HvException));
     EXPECT_STREQ(e->getMessage().c_str(), "something broke");
-    EXPECT_EQ(displayOf(*e), "something broke");
+    EXPECT_EQ(hvtest::displayOf(*e), "something broke");
 }
 
 TEST(HvException, SThrowOfObjectThrowsOneHandleToThatObject)
@@ -104,14 +65,14 @@ TEST(HvException, ThrownHandleIsOnePointer)
 TEST(HvException, DisplayWritesOnlyTheMessage)
 {
     HvHandle<HvException> e(new HvException(HvString("plain text")));
-    EXPECT_EQ(displayOf(*e), "plain text");
+    EXPECT_EQ(hvtest::displayOf(*e), "plain text");
 }
 
 TEST(HvException, DisplayOfEmptyMessageWritesNothing)
 {
     HvHandle<HvException> e(new HvException(HvString()));
     EXPECT_TRUE(e->getMessage().isNull());
-    EXPECT_EQ(displayOf(*e), "");
+    EXPECT_EQ(hvtest::displayOf(*e), "");
 }
 
 TEST(HvException, PrintingThePointerUsesTheObjectDisplay)
@@ -119,11 +80,11 @@ TEST(HvException, PrintingThePointerUsesTheObjectDisplay)
     HvHandle<HvException> e(new HvException(HvString("text")));
     HvByteArrayOutputStream out(0);
     out << e.get();
-    EXPECT_EQ(textOf(out), "1 \t(" + hexAddress(e.get()) + ")\tHvException");
+    EXPECT_EQ(hvtest::textOf(out), "1 \t(" + hvtest::hexAddress(e.get()) + ")\tHvException");
 
     HvByteArrayOutputStream brief(0);
     e->display(brief, false);
-    EXPECT_EQ(textOf(brief), "1\tHvException");
+    EXPECT_EQ(hvtest::textOf(brief), "1\tHvException");
 }
 
 TEST(HvException, UnhandledMessageHasExactBytes)
@@ -141,7 +102,7 @@ TEST(HvException, DebugTokenIsHvException)
 TEST(HvException, CatcherCopyKeepsExceptionAliveAfterTheCatch)
 {
     fs_destroyed = 0;
-    long before = liveStringBuffers();
+    long before = hvtest::liveStringBuffers();
     {
         HvHandle<HvException> kept;
         try {
@@ -154,17 +115,17 @@ TEST(HvException, CatcherCopyKeepsExceptionAliveAfterTheCatch)
         EXPECT_EQ(fs_destroyed, 0);
         EXPECT_EQ(kept->getRefCount(), 1);
         EXPECT_STREQ(kept->getMessage().c_str(), "kept for later");
-        EXPECT_EQ(displayOf(*kept), "kept for later");
+        EXPECT_EQ(hvtest::displayOf(*kept), "kept for later");
         EXPECT_NE(dynamic_cast<CountingException*>(kept.get()), nullptr);
     }
     EXPECT_EQ(fs_destroyed, 1);
-    EXPECT_EQ(liveStringBuffers(), before);
+    EXPECT_EQ(hvtest::liveStringBuffers(), before);
 }
 
 TEST(HvException, ExceptionIsDestroyedWhenTheCatchEndsWithoutCopy)
 {
     fs_destroyed = 0;
-    long before = liveStringBuffers();
+    long before = hvtest::liveStringBuffers();
     try {
         HvException::sThrow(new CountingException("gone"));
     } catch (HvHandle<HvException>& e) {
@@ -172,7 +133,7 @@ TEST(HvException, ExceptionIsDestroyedWhenTheCatchEndsWithoutCopy)
         EXPECT_EQ(fs_destroyed, 0);
     }
     EXPECT_EQ(fs_destroyed, 1);
-    EXPECT_EQ(liveStringBuffers(), before);
+    EXPECT_EQ(hvtest::liveStringBuffers(), before);
 }
 
 TEST(HvException, HandleCanBePassedToAnotherThread)

@@ -1,9 +1,9 @@
 #include <HvUtil/HvGhbnError.h>
 
-#include <HvUtil/HvByteArrayOutputStream.h>
-
 #include <Velmora/Hostent.h>
 #include <Velmora/MemAllocator.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -11,21 +11,6 @@
 #include <typeinfo>
 
 namespace {
-
-std::string textOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    if (bytes.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
-
-std::string displayOf(const HvException& exception)
-{
-    HvByteArrayOutputStream out(0);
-    exception.display(out);
-    return textOf(out);
-}
 
 std::string statusText(Velmora::Hostent::GetHostByNameStatus status)
 {
@@ -38,7 +23,7 @@ TEST(HvGhbnError, DisplayLeadsWithColonThenMessageAndStatusText)
 {
     HvHandle<HvGhbnError> error(new HvGhbnError("lookup", 0, Velmora::Hostent::GHBN_HOST_NOT_FOUND));
     std::string expected = ": lookup (" + statusText(Velmora::Hostent::GHBN_HOST_NOT_FOUND) + ")";
-    EXPECT_EQ(displayOf(*error), expected);
+    EXPECT_EQ(hvtest::displayOf(*error), expected);
 }
 
 TEST(HvGhbnError, DisplayUsesTheTextOfEveryStatus)
@@ -49,7 +34,7 @@ TEST(HvGhbnError, DisplayUsesTheTextOfEveryStatus)
     for (Velmora::Hostent::GetHostByNameStatus status : statuses) {
         HvGhbnError error("name.example", 0, status);
         EXPECT_EQ(error.getStatus(), status);
-        EXPECT_EQ(displayOf(error), ": name.example (" + statusText(status) + ")") << status;
+        EXPECT_EQ(hvtest::displayOf(error), ": name.example (" + statusText(status) + ")") << status;
     }
 }
 
@@ -59,14 +44,14 @@ TEST(HvGhbnError, StatusOutsideTheEnumerationIsKeptAndShownAsUnknown)
     auto odd = static_cast<Velmora::Hostent::GetHostByNameStatus>(7);
     HvGhbnError error("lookup", 0, odd);
     EXPECT_EQ(static_cast<int>(error.getStatus()), 7);
-    EXPECT_EQ(displayOf(error), ": lookup (unknown status)");
+    EXPECT_EQ(hvtest::displayOf(error), ": lookup (unknown status)");
 }
 
 TEST(HvGhbnError, NullMessageWritesNothingBetweenColonAndStatus)
 {
     HvGhbnError error(nullptr, 0, Velmora::Hostent::GHBN_TIMEOUT);
     EXPECT_TRUE(error.getMessage().isNull());
-    EXPECT_EQ(displayOf(error), ":  (" + statusText(Velmora::Hostent::GHBN_TIMEOUT) + ")");
+    EXPECT_EQ(hvtest::displayOf(error), ":  (" + statusText(Velmora::Hostent::GHBN_TIMEOUT) + ")");
 }
 
 TEST(HvGhbnError, KeepsMessageErrorNumberAndStatus)
@@ -92,7 +77,7 @@ TEST(HvGhbnError, IsThrownAndCaughtAsASocketError)
         HvGhbnError* error = dynamic_cast<HvGhbnError*>(e.get());
         ASSERT_NE(error, nullptr);
         EXPECT_EQ(error->getStatus(), Velmora::Hostent::GHBN_NO_DATA);
-        EXPECT_EQ(displayOf(*e), ": lookup (" + statusText(Velmora::Hostent::GHBN_NO_DATA) + ")");
+        EXPECT_EQ(hvtest::displayOf(*e), ": lookup (" + statusText(Velmora::Hostent::GHBN_NO_DATA) + ")");
     }
     EXPECT_TRUE(caught);
     EXPECT_EQ(Velmora::allocationStats("HvStringBuffer").liveCount, before);

@@ -6,13 +6,13 @@
 #include <HvUtil/HvStringBuffer.h>
 
 #include <Velmora/Assertion.h>
-#include <Velmora/MemAllocator.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,22 +41,6 @@ public:
     HvHandle<HvObject> child;
 };
 
-struct AssertionRecord {
-    int calls = 0;
-    std::string text;
-    std::string file;
-    int line = 0;
-};
-AssertionRecord fs_assertion;
-
-void recordAssertion(const char* text, const char* file, int line)
-{
-    ++fs_assertion.calls;
-    fs_assertion.text = text ? text : "";
-    fs_assertion.file = file ? file : "";
-    fs_assertion.line = line;
-}
-
 // Thrown by the handler below so that the access through an empty handle
 // never goes ahead.
 struct EmptyHandleAccess {
@@ -64,32 +48,8 @@ struct EmptyHandleAccess {
 
 void throwOnAssertion(const char* text, const char* file, int line)
 {
-    recordAssertion(text, file, line);
+    hvtest::recordAssertion(text, file, line);
     throw EmptyHandleAccess();
-}
-
-// Installs a handler for one test and restores the previous one.
-class AssertionHandler {
-public:
-    explicit AssertionHandler(Velmora::Assertion::Handler handler)
-        : m_previous(Velmora::Assertion::sSetHandler(handler))
-    {
-        fs_assertion = {};
-    }
-    ~AssertionHandler() { Velmora::Assertion::sSetHandler(m_previous); }
-
-private:
-    Velmora::Assertion::Handler m_previous;
-};
-
-bool looksLikeCompileTimestamp(const char* timestamp)
-{
-    return timestamp && std::regex_match(timestamp, std::regex("[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}"));
-}
-
-long liveStringBuffers()
-{
-    return Velmora::allocationStats("HvStringBuffer").liveCount;
 }
 
 } // namespace
@@ -238,7 +198,7 @@ TEST(HvHandle, AssigningRawPointerOwnedOnlyByTheOldOneKeepsItAlive)
 
 TEST(HvHandle, UpcastConstructionAndAssignmentTakeTheObject)
 {
-    long before = liveStringBuffers();
+    long before = hvtest::liveStringBuffers();
     {
         HvString text("abc");
         HvHandle<HvObject> root(text);
@@ -250,7 +210,7 @@ TEST(HvHandle, UpcastConstructionAndAssignmentTakeTheObject)
         assigned = text;
         EXPECT_EQ(text->getRefCount(), 4);
     }
-    EXPECT_EQ(liveStringBuffers(), before);
+    EXPECT_EQ(hvtest::liveStringBuffers(), before);
 }
 
 TEST(HvHandle, DowncastConstructionAndAssignmentSucceedForTheRightType)
@@ -274,7 +234,7 @@ TEST(HvHandle, DowncastConstructionAndAssignmentSucceedForTheRightType)
 
 TEST(HvHandle, ConversionFromEmptyHandleGivesEmptyHandle)
 {
-    AssertionHandler handler(&recordAssertion);
+    hvtest::AssertionScope handler;
     HvHandle<HvByteArray> empty;
     HvHandle<HvStringBuffer> fromHandle(empty);
     EXPECT_TRUE(fromHandle.isNull());
@@ -282,13 +242,13 @@ TEST(HvHandle, ConversionFromEmptyHandleGivesEmptyHandle)
     HvObject* nothing = nullptr;
     HvHandle<HvStringBuffer> fromPointer(nothing);
     EXPECT_TRUE(fromPointer.isNull());
-    EXPECT_EQ(fs_assertion.calls, 0);
+    EXPECT_EQ(hvtest::assertionCount(), 0u);
 }
 
 TEST(HvHandle, ConversionConstructionFromWrongTypeThrowsAssertionFailure)
 {
-    AssertionHandler handler(&recordAssertion);
-    long before = liveStringBuffers();
+    hvtest::AssertionScope handler;
+    long before = hvtest::liveStringBuffers();
     {
         HvHandle<HvByteArray> bytes = HvByteArray::sCreate("abc");
         ASSERT_FALSE(bytes.isNull());
@@ -305,15 +265,14 @@ TEST(HvHandle, ConversionConstructionFromWrongTypeThrowsAssertionFailure)
         EXPECT_STREQ(failure->getMessage().c_str(), "dynamic_cast failed on HvHandle construction");
         EXPECT_STREQ(failure->getFile(), "HvHandle.cpp");
         EXPECT_EQ(failure->getLine(), 46u);
-        EXPECT_TRUE(looksLikeCompileTimestamp(failure->getTimestamp())) << failure->getTimestamp();
-        EXPECT_EQ(fs_assertion.calls, 1);
-        EXPECT_EQ(fs_assertion.text, "dynamic_cast failed on HvHandle construction");
-        EXPECT_EQ(fs_assertion.file, "HvHandle.cpp");
-        EXPECT_EQ(fs_assertion.line, 46);
+        EXPECT_TRUE(hvtest::looksLikeCompileTimestamp(failure->getTimestamp())) << failure->getTimestamp();
+        EXPECT_EQ(hvtest::assertionCount(), 1u);
+        hvtest::expectAssertion(hvtest::lastAssertion(), "dynamic_cast failed on HvHandle construction",
+                                "HvHandle.cpp", 46);
         // The failed handle took no reference on the source.
         EXPECT_EQ(bytes->getRefCount(), 1);
     }
-    EXPECT_EQ(liveStringBuffers(), before);
+    EXPECT_EQ(hvtest::liveStringBuffers(), before);
 }
 
 TEST(HvHandle, FailedConversionConstructionLeavesSourceCountAndLeaksNothing)
@@ -332,7 +291,7 @@ TEST(HvHandle, FailedConversionConstructionLeavesSourceCountAndLeaksNothing)
 
 TEST(HvHandle, ConversionAssignmentFromWrongTypeThrowsAndReleasesTheOldObject)
 {
-    AssertionHandler handler(&recordAssertion);
+    hvtest::AssertionScope handler;
     std::atomic<int> destroyed{0};
     std::atomic<int> sourceDestroyed{0};
     {
@@ -356,11 +315,10 @@ TEST(HvHandle, ConversionAssignmentFromWrongTypeThrowsAndReleasesTheOldObject)
         EXPECT_STREQ(failure->getMessage().c_str(), "dynamic_cast failed on HvHandle assignment");
         EXPECT_STREQ(failure->getFile(), "HvHandle.cpp");
         EXPECT_EQ(failure->getLine(), 81u);
-        EXPECT_TRUE(looksLikeCompileTimestamp(failure->getTimestamp())) << failure->getTimestamp();
-        EXPECT_EQ(fs_assertion.calls, 1);
-        EXPECT_EQ(fs_assertion.text, "dynamic_cast failed on HvHandle assignment");
-        EXPECT_EQ(fs_assertion.file, "HvHandle.cpp");
-        EXPECT_EQ(fs_assertion.line, 81);
+        EXPECT_TRUE(hvtest::looksLikeCompileTimestamp(failure->getTimestamp())) << failure->getTimestamp();
+        EXPECT_EQ(hvtest::assertionCount(), 1u);
+        hvtest::expectAssertion(hvtest::lastAssertion(), "dynamic_cast failed on HvHandle assignment",
+                                "HvHandle.cpp", 81);
 
         // The cast result (null) was stored; the source gained nothing.
         EXPECT_TRUE(target.isNull());
@@ -380,7 +338,7 @@ TEST(HvHandle, ConversionAssignmentFromWrongTypeThrowsAndReleasesTheOldObject)
 
 TEST(HvHandle, ConversionAssignmentOfWrongTypeToAnEmptyHandleIsReported)
 {
-    AssertionHandler handler(&recordAssertion);
+    hvtest::AssertionScope handler;
     std::atomic<int> destroyed{0};
     HvHandle<HvObject> source(new Counted(&destroyed));
     HvHandle<Unrelated> target;
@@ -393,7 +351,7 @@ TEST(HvHandle, ConversionAssignmentOfWrongTypeToAnEmptyHandleIsReported)
     }
     ASSERT_FALSE(caught.isNull());
     EXPECT_STREQ(caught->getMessage().c_str(), "dynamic_cast failed on HvHandle assignment");
-    EXPECT_EQ(fs_assertion.line, 81);
+    EXPECT_EQ(hvtest::lastAssertion().line, 81);
     EXPECT_TRUE(target.isNull());
     EXPECT_EQ(source->getRefCount(), 1);
 
@@ -427,25 +385,21 @@ TEST(HvHandle, ConversionAssignmentReleasesOldAndReferencesNew)
 
 TEST(HvHandle, MemberAccessThroughEmptyHandleAssertsThisNotNull)
 {
-    AssertionHandler handler(&throwOnAssertion);
+    hvtest::AssertionScope handler(&throwOnAssertion);
     HvHandle<HvObject> empty;
     EXPECT_THROW(empty->getRefCount(), EmptyHandleAccess);
-    EXPECT_EQ(fs_assertion.calls, 1);
-    EXPECT_EQ(fs_assertion.text, "this != 0");
-    EXPECT_EQ(fs_assertion.file, "HvUtil/HvObject.h");
-    EXPECT_EQ(fs_assertion.line, 87);
+    EXPECT_EQ(hvtest::assertionCount(), 1u);
+    hvtest::expectAssertion(hvtest::lastAssertion(), "this != 0", "HvUtil/HvObject.h", 87);
 
-    fs_assertion = {};
+    hvtest::clearAssertions();
     EXPECT_THROW((*empty).getRefCount(), EmptyHandleAccess);
-    EXPECT_EQ(fs_assertion.calls, 1);
-    EXPECT_EQ(fs_assertion.text, "this != 0");
-    EXPECT_EQ(fs_assertion.file, "HvUtil/HvObject.h");
-    EXPECT_EQ(fs_assertion.line, 87);
+    EXPECT_EQ(hvtest::assertionCount(), 1u);
+    hvtest::expectAssertion(hvtest::lastAssertion(), "this != 0", "HvUtil/HvObject.h", 87);
 }
 
 TEST(HvHandle, GetAndIsNullOnEmptyHandleDoNotAssert)
 {
-    AssertionHandler handler(&throwOnAssertion);
+    hvtest::AssertionScope handler(&throwOnAssertion);
     unsigned long failuresBefore = Velmora::Assertion::sGetFailureCount();
     HvHandle<HvObject> empty;
     EXPECT_NO_THROW(EXPECT_EQ(empty.get(), nullptr));
@@ -453,7 +407,7 @@ TEST(HvHandle, GetAndIsNullOnEmptyHandleDoNotAssert)
     std::atomic<int> destroyed{0};
     HvHandle<Counted> full(new Counted(&destroyed));
     EXPECT_NO_THROW(EXPECT_EQ(full->value, 7));
-    EXPECT_EQ(fs_assertion.calls, 0);
+    EXPECT_EQ(hvtest::assertionCount(), 0u);
     EXPECT_EQ(Velmora::Assertion::sGetFailureCount(), failuresBefore);
 }
 

@@ -5,6 +5,8 @@
 
 #include <Velmora/MemAllocator.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -42,12 +44,6 @@ const Pair* asPair(const void* entry)
     return static_cast<const Pair*>(entry);
 }
 
-long liveMutexes()
-{
-    HvMutex::sInitialize();
-    return Velmora::allocationStats("HvMutex").liveCount;
-}
-
 // The keys of the entries in iteration order.
 std::vector<unsigned int> keysInOrder(HvHashTableBase& table)
 {
@@ -74,7 +70,7 @@ TEST(HvHashTableBase, NewTableIsEmpty)
 
 TEST(HvHashTableBase, StripeLocksAreMadeAndGivenBack)
 {
-    long before = liveMutexes();
+    long before = hvtest::liveMutexesBeyondPool();
     {
         HvHashTableBase one(sizeof(Pair), &HvHashTableBase::sDefaultHashFunc, nullptr, nullptr, 101, 1);
         EXPECT_EQ(before + 1, Velmora::allocationStats("HvMutex").liveCount);
@@ -86,7 +82,7 @@ TEST(HvHashTableBase, StripeLocksAreMadeAndGivenBack)
 
 TEST(HvHashTableBase, TableHeldByHandleIsDestroyedWithItsLocks)
 {
-    long before = liveMutexes();
+    long before = hvtest::liveMutexesBeyondPool();
     {
         HvHandle<HvHashTableBase> table(
             new HvHashTableBase(sizeof(Pair), &HvHashTableBase::sDefaultHashFunc, nullptr, nullptr, 13, 3));
@@ -100,7 +96,7 @@ TEST(HvHashTableBase, TableHeldByHandleIsDestroyedWithItsLocks)
 
 TEST(HvHashTableBase, ZeroLockCountStillMakesOneLock)
 {
-    long before = liveMutexes();
+    long before = hvtest::liveMutexesBeyondPool();
     HvHashTableBase table(sizeof(Pair), &HvHashTableBase::sDefaultHashFunc, nullptr, nullptr, 11, 0);
     EXPECT_EQ(before + 1, Velmora::allocationStats("HvMutex").liveCount);
     Pair entry{3, 30};
@@ -260,7 +256,7 @@ TEST(HvHashTableBase, CustomCopyFunctionFillsNewNodes)
 TEST(HvHashTableBase, CopyConstructorCopiesEntriesThroughTheCopyFunction)
 {
     fs_copyCalls = 0;
-    long before = liveMutexes();
+    long before = hvtest::liveMutexesBeyondPool();
     HvHashTableBase source(sizeof(Pair), &HvHashTableBase::sDefaultHashFunc, &sameKey, &copyTimesTen, 101, 3);
     for (unsigned int key = 1; key <= 4; ++key) {
         Pair entry{key, key};
@@ -350,7 +346,7 @@ TEST(HvHashTableBase, RemoveFromTheMiddleOfAChainKeepsTheRest)
 
 TEST(HvHashTableBase, ClearRemovesEveryEntryAndTheTableStaysUsable)
 {
-    long before = liveMutexes();
+    long before = hvtest::liveMutexesBeyondPool();
     {
         HvHashTableBase table(sizeof(Pair), &HvHashTableBase::sDefaultHashFunc, &sameKey, nullptr, 101, 4);
         for (unsigned int key = 0; key < 300; ++key) {

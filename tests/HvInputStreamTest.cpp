@@ -6,8 +6,9 @@
 #include <HvUtil/HvErrorStream.h>
 #include <HvUtil/HvException.h>
 
-#include <Velmora/Assertion.h>
 #include <Velmora/MemAllocator.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -17,12 +18,6 @@
 #include <vector>
 
 namespace {
-
-std::string bytesOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> array = out.toByteArray();
-    return std::string(reinterpret_cast<const char*>(array->getData()), array->getSize());
-}
 
 // Serves the bytes of a string one read() at a time. Told to fail after k
 // bytes, every read() from then on throws HvException "source failed".
@@ -83,49 +78,6 @@ public:
     int blockReads = 0;
 };
 
-// Installs, for its lifetime, a default error stream that writes into memory
-// with the "HvException" debug mode set; puts the previous default back.
-class DebugOutputCapture {
-public:
-    explicit DebugOutputCapture(bool withMode = true)
-        : m_target(0), m_stream(new HvErrorStream(&m_target))
-    {
-        if (withMode)
-            m_stream->setDebugMode("HvException");
-        m_previous = HvErrorStream::sSetDefault(m_stream.get());
-    }
-    ~DebugOutputCapture() { HvErrorStream::sSetDefault(m_previous); }
-
-    std::string text() const { return bytesOf(m_target); }
-    HvErrorStream& stream() { return *m_stream; }
-
-private:
-    HvByteArrayOutputStream m_target;
-    HvHandle<HvErrorStream> m_stream;
-    HvErrorStream* m_previous;
-};
-
-struct SeenAssertion {
-    std::string text;
-    std::string file;
-    int line;
-};
-std::vector<SeenAssertion> g_assertions;
-
-void recordAssertion(const char* text, const char* file, int line)
-{
-    g_assertions.push_back({text ? text : "", file ? file : "", line});
-}
-
-class AssertionRecorder {
-public:
-    AssertionRecorder() : m_previous(Velmora::Assertion::sSetHandler(&recordAssertion)) { g_assertions.clear(); }
-    ~AssertionRecorder() { Velmora::Assertion::sSetHandler(m_previous); }
-
-private:
-    Velmora::Assertion::Handler m_previous;
-};
-
 } // namespace
 
 // ---- default block read ----
@@ -184,7 +136,7 @@ TEST(HvInputStream, DefaultBlockReadKeepsBytesFrom128)
 
 TEST(HvInputStream, ExceptionAfterSomeBytesReturnsThePartialCountAndLogsIt)
 {
-    DebugOutputCapture debug;
+    hvtest::DebugOutputCapture debug;
     StringInputStream in("abcdef", 3);
     char buffer[6];
     std::memset(buffer, '.', sizeof(buffer));
@@ -195,20 +147,13 @@ TEST(HvInputStream, ExceptionAfterSomeBytesReturnsThePartialCountAndLogsIt)
 
 TEST(HvInputStream, ExceptionBeforeAnyByteIsThrownOn)
 {
-    DebugOutputCapture debug;
+    hvtest::DebugOutputCapture debug;
     StringInputStream in("abcdef", 2);
     char buffer[6];
     EXPECT_EQ(2, in.read(buffer, 6, 0));
     std::string afterPartial = debug.text();
 
-    bool thrown = false;
-    try {
-        in.read(buffer, 6, 0);
-    } catch (HvHandle<HvException>& e) {
-        thrown = true;
-        EXPECT_STREQ("source failed", e->getMessage().c_str());
-    }
-    EXPECT_TRUE(thrown);
+    EXPECT_EQ("source failed", hvtest::messageOf([&] { in.read(buffer, 6, 0); }));
     // Both catches are logged; the second one then throws on.
     EXPECT_EQ("catch exception in HvInputStream::read(): source failed\n", afterPartial);
     EXPECT_EQ(afterPartial + afterPartial, debug.text());
@@ -216,7 +161,7 @@ TEST(HvInputStream, ExceptionBeforeAnyByteIsThrownOn)
 
 TEST(HvInputStream, CaughtExceptionIsNotWrittenWithoutTheDebugMode)
 {
-    DebugOutputCapture debug(false);
+    hvtest::DebugOutputCapture debug(false);
     StringInputStream in("abcdef", 4);
     char buffer[6];
     EXPECT_EQ(4, in.read(buffer, 6, 0));
@@ -226,7 +171,7 @@ TEST(HvInputStream, CaughtExceptionIsNotWrittenWithoutTheDebugMode)
 TEST(HvInputStream, CaughtExceptionIsLoggedAtDebugLevelZero)
 {
     // With the threshold at 0 even level 0 is suppressed.
-    DebugOutputCapture debug;
+    hvtest::DebugOutputCapture debug;
     debug.stream().setLevel(0);
     StringInputStream in("abcdef", 1);
     char buffer[6];
@@ -243,7 +188,7 @@ TEST(HvInputStream, PartialReadLeavesNoStringBehind)
 {
     long before = Velmora::allocationStats("HvStringBuffer").liveCount;
     {
-        DebugOutputCapture debug;
+        hvtest::DebugOutputCapture debug;
         StringInputStream in("abcdef", 3);
         char buffer[6];
         EXPECT_EQ(3, in.read(buffer, 6, 0));
@@ -329,7 +274,7 @@ TEST(HvInputStream, AvailableIsZeroAndMarkIsNotSupported)
 
 TEST(HvInputStream, ResetThrowsAssertionFailure)
 {
-    AssertionRecorder recorder;
+    hvtest::AssertionScope recorder;
     StringInputStream in("abc");
     EXPECT_EQ('a', in.read());
     bool thrown = false;
@@ -347,14 +292,13 @@ TEST(HvInputStream, ResetThrowsAssertionFailure)
         failure->display(out);
         EXPECT_EQ(std::string("HvInputStream::reset()\nHvInputStream.cpp line 102\nCompilation : ") +
                       failure->getTimestamp() + "\n",
-                  bytesOf(out));
+                  hvtest::textOf(out));
     }
     EXPECT_TRUE(thrown);
 
-    ASSERT_EQ(1u, g_assertions.size());
-    EXPECT_EQ("HvInputStream::reset()", g_assertions[0].text);
-    EXPECT_EQ("HvInputStream.cpp", g_assertions[0].file);
-    EXPECT_EQ(102, g_assertions[0].line);
+    std::vector<hvtest::AssertionRecord> assertions = hvtest::recordedAssertions();
+    ASSERT_EQ(1u, assertions.size());
+    hvtest::expectAssertion(assertions[0], "HvInputStream::reset()", "HvInputStream.cpp", 102);
 
     // The stream goes on where it was.
     EXPECT_EQ('b', in.read());

@@ -1,35 +1,20 @@
 #include <HvUtil/HvKeyTable.h>
 
-#include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvMutex.h>
 #include <HvUtil/HvString.h>
 #include <HvUtil/HvStringBuffer.h>
 
-#include <Velmora/MemAllocator.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
-
-std::atomic<int> fs_destroyed{0};
-
-// A value that records its destruction.
-class Counted : public HvObject {
-public:
-    explicit Counted(int id = 0) : m_id(id) {}
-    ~Counted() override { ++fs_destroyed; }
-    int id() const { return m_id; }
-
-private:
-    int m_id;
-};
 
 // The string hash worked out independently of the buffer's own: h * 5 plus
 // each character as a signed char.
@@ -53,27 +38,6 @@ struct KeyEntry {
     HvObject* value;
 };
 
-std::string bytesOf(const HvHandle<HvByteArray>& array)
-{
-    if (array.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(array->getData()), array->getSize());
-}
-
-std::string displayed(const HvKeyTable& table)
-{
-    HvByteArrayOutputStream out(0);
-    table.display(out);
-    return bytesOf(out.toByteArray());
-}
-
-std::string hexAddress(const void* p)
-{
-    char text[32];
-    std::snprintf(text, sizeof(text), "%08lX", reinterpret_cast<unsigned long>(p));
-    return text;
-}
-
 std::vector<std::string> keysInOrder(HvKeyTable& table)
 {
     std::vector<std::string> keys;
@@ -81,22 +45,6 @@ std::vector<std::string> keysInOrder(HvKeyTable& table)
     while (walk.next())
         keys.push_back(walk.getKey().c_str());
     return keys;
-}
-
-template <class F>
-std::string messageOf(F f)
-{
-    try {
-        f();
-    } catch (HvHandle<HvException>& e) {
-        return e->getMessage().c_str();
-    }
-    return "<no exception>";
-}
-
-long liveCount(const char* tag)
-{
-    return Velmora::allocationStats(tag).liveCount;
 }
 
 } // namespace
@@ -107,14 +55,14 @@ protected:
     void SetUp() override
     {
         HvMutex::sInitialize();
-        fs_destroyed = 0;
-        m_buffers = liveCount("HvStringBuffer");
-        m_mutexes = liveCount("HvMutex");
+        hvtest::CountedValue::sDestroyed = 0;
+        m_buffers = hvtest::liveStringBuffers();
+        m_mutexes = hvtest::liveCount("HvMutex");
     }
     void TearDown() override
     {
-        EXPECT_EQ(m_buffers, liveCount("HvStringBuffer")) << "string buffers leaked";
-        EXPECT_EQ(m_mutexes, liveCount("HvMutex")) << "stripe locks leaked";
+        EXPECT_EQ(m_buffers, hvtest::liveStringBuffers()) << "string buffers leaked";
+        EXPECT_EQ(m_mutexes, hvtest::liveCount("HvMutex")) << "stripe locks leaked";
     }
 
     long m_buffers = 0;
@@ -134,8 +82,8 @@ TEST_F(HvKeyTableTest, KeysUsedInOrderTestsLandInTheirBuckets)
 
 TEST_F(HvKeyTableTest, PutSameKeyTwiceReturnsFirstValue)
 {
-    HvHandle<Counted> first(new Counted(1));
-    HvHandle<Counted> second(new Counted(2));
+    HvHandle<hvtest::CountedValue> first(new hvtest::CountedValue(1));
+    HvHandle<hvtest::CountedValue> second(new hvtest::CountedValue(2));
     HvKeyTable table;
     HvHandle<HvObject> previous = table.put("key", first.get());
     EXPECT_TRUE(previous.isNull());
@@ -148,7 +96,7 @@ TEST_F(HvKeyTableTest, PutSameKeyTwiceReturnsFirstValue)
 TEST_F(HvKeyTableTest, PutTakesOneReferenceOnKeyAndValue)
 {
     HvString key("alpha");
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     {
         HvKeyTable table;
         EXPECT_TRUE(table.put(key, value.get()).isNull());
@@ -159,22 +107,22 @@ TEST_F(HvKeyTableTest, PutTakesOneReferenceOnKeyAndValue)
     // Destroying the table gives both back.
     EXPECT_EQ(1, key->getRefCount());
     EXPECT_EQ(1, value->getRefCount());
-    EXPECT_EQ(0, fs_destroyed);
+    EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvKeyTableTest, TableAloneKeepsAValueAlive)
 {
     {
         HvKeyTable table;
-        table.put("only", new Counted(7));
+        table.put("only", new hvtest::CountedValue(7));
         HvHandle<HvObject> got = table.get("only");
         ASSERT_FALSE(got.isNull());
         EXPECT_EQ(2, got->getRefCount());
-        EXPECT_EQ(7, dynamic_cast<Counted*>(got.get())->id());
+        EXPECT_EQ(7, dynamic_cast<hvtest::CountedValue*>(got.get())->id());
         got = HvHandle<HvObject>();
-        EXPECT_EQ(0, fs_destroyed);
+        EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
     }
-    EXPECT_EQ(1, fs_destroyed);
+    EXPECT_EQ(1, hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvKeyTableTest, ReplaceReleasesOldKeyAndStoresCallersBuffer)
@@ -182,8 +130,8 @@ TEST_F(HvKeyTableTest, ReplaceReleasesOldKeyAndStoresCallersBuffer)
     HvString oldKey("same");
     HvString newKey("same");
     ASSERT_NE(oldKey.get(), newKey.get());
-    HvHandle<Counted> oldValue(new Counted(1));
-    HvHandle<Counted> newValue(new Counted(2));
+    HvHandle<hvtest::CountedValue> oldValue(new hvtest::CountedValue(1));
+    HvHandle<hvtest::CountedValue> newValue(new hvtest::CountedValue(2));
     HvKeyTable table;
     table.put(oldKey, oldValue.get());
     EXPECT_EQ(2, oldKey->getRefCount());
@@ -210,7 +158,7 @@ TEST_F(HvKeyTableTest, ReplaceReleasesOldKeyAndStoresCallersBuffer)
 TEST_F(HvKeyTableTest, ReplaceWithTheSameKeyAndValueKeepsOneReference)
 {
     HvString key("k");
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvKeyTable table;
     table.put(key, value.get());
     HvHandle<HvObject> previous = table.put(key, value.get());
@@ -224,27 +172,27 @@ TEST_F(HvKeyTableTest, ReplaceWithTheSameKeyAndValueKeepsOneReference)
 TEST_F(HvKeyTableTest, ReplacedValueHeldOnlyByTheTableDiesWithTheReturnedHandle)
 {
     HvKeyTable table;
-    table.put("k", new Counted(1));
-    HvHandle<HvObject> previous = table.put("k", new Counted(2));
+    table.put("k", new hvtest::CountedValue(1));
+    HvHandle<HvObject> previous = table.put("k", new hvtest::CountedValue(2));
     ASSERT_FALSE(previous.isNull());
-    EXPECT_EQ(1, dynamic_cast<Counted*>(previous.get())->id());
+    EXPECT_EQ(1, dynamic_cast<hvtest::CountedValue*>(previous.get())->id());
     EXPECT_EQ(1, previous->getRefCount());
-    EXPECT_EQ(0, fs_destroyed);
+    EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
     previous = HvHandle<HvObject>();
-    EXPECT_EQ(1, fs_destroyed);
-    EXPECT_EQ(2, dynamic_cast<Counted*>(table.get("k").get())->id());
+    EXPECT_EQ(1, hvtest::CountedValue::sDestroyed);
+    EXPECT_EQ(2, dynamic_cast<hvtest::CountedValue*>(table.get("k").get())->id());
 }
 
 TEST_F(HvKeyTableTest, DistinctKeysAreDistinctEntries)
 {
     HvKeyTable table;
-    table.put("a", new Counted(1));
-    table.put("b", new Counted(2));
-    table.put("A", new Counted(3));
+    table.put("a", new hvtest::CountedValue(1));
+    table.put("b", new hvtest::CountedValue(2));
+    table.put("A", new hvtest::CountedValue(3));
     EXPECT_EQ(3u, table.getCount());
-    EXPECT_EQ(1, dynamic_cast<Counted*>(table.get("a").get())->id());
-    EXPECT_EQ(2, dynamic_cast<Counted*>(table.get("b").get())->id());
-    EXPECT_EQ(3, dynamic_cast<Counted*>(table.get("A").get())->id());
+    EXPECT_EQ(1, dynamic_cast<hvtest::CountedValue*>(table.get("a").get())->id());
+    EXPECT_EQ(2, dynamic_cast<hvtest::CountedValue*>(table.get("b").get())->id());
+    EXPECT_EQ(3, dynamic_cast<hvtest::CountedValue*>(table.get("A").get())->id());
 }
 
 // ---------------------------------------------------------------- empty keys
@@ -252,8 +200,8 @@ TEST_F(HvKeyTableTest, DistinctKeysAreDistinctEntries)
 TEST_F(HvKeyTableTest, PutWithEmptyKeyThrowsAndLeavesTheTableIntact)
 {
     HvString key("kept");
-    HvHandle<Counted> kept(new Counted(1));
-    HvHandle<Counted> refused(new Counted(2));
+    HvHandle<hvtest::CountedValue> kept(new hvtest::CountedValue(1));
+    HvHandle<hvtest::CountedValue> refused(new hvtest::CountedValue(2));
     HvKeyTable table;
     table.put(key, kept.get());
 
@@ -262,9 +210,9 @@ TEST_F(HvKeyTableTest, PutWithEmptyKeyThrowsAndLeavesTheTableIntact)
     ASSERT_FALSE(zeroLength.isNull());
     ASSERT_EQ(0u, zeroLength.length());
 
-    EXPECT_EQ("NULL key value (HvStringBuffer*)", messageOf([&] { table.put(nullKey, refused.get()); }));
-    EXPECT_EQ("NULL key value (HvStringBuffer*)", messageOf([&] { table.put(zeroLength, refused.get()); }));
-    EXPECT_EQ("NULL key value (HvStringBuffer*)", messageOf([&] { table.put(zeroLength, nullptr); }));
+    EXPECT_EQ("NULL key value (HvStringBuffer*)", hvtest::messageOf([&] { table.put(nullKey, refused.get()); }));
+    EXPECT_EQ("NULL key value (HvStringBuffer*)", hvtest::messageOf([&] { table.put(zeroLength, refused.get()); }));
+    EXPECT_EQ("NULL key value (HvStringBuffer*)", hvtest::messageOf([&] { table.put(zeroLength, nullptr); }));
 
     // Nothing was taken or stored.
     EXPECT_EQ(1, refused->getRefCount());
@@ -283,21 +231,14 @@ TEST_F(HvKeyTableTest, PutWithEmptyKeyThrowsAndLeavesTheTableIntact)
 TEST_F(HvKeyTableTest, PutWithEmptyKeyThrowsAPlainHvException)
 {
     HvKeyTable table;
-    try {
-        table.put(HvString(), nullptr);
-        FAIL() << "no exception";
-    } catch (HvHandle<HvException>& e) {
-        ASSERT_FALSE(e.isNull());
-        EXPECT_STREQ("HvException", e->getClassName());
-        EXPECT_STREQ("NULL key value (HvStringBuffer*)", e->getMessage().c_str());
-    }
+    hvtest::expectPlainHvException([&] { table.put(HvString(), nullptr); }, "NULL key value (HvStringBuffer*)");
     EXPECT_EQ(0u, table.getCount());
 }
 
 TEST_F(HvKeyTableTest, LookupsWithEmptyKeyGiveEmptyOrFalse)
 {
     HvKeyTable table;
-    table.put("x", new Counted);
+    table.put("x", new hvtest::CountedValue);
     HvString nullKey;
     HvString zeroLength(HvStringBuffer::sCreate("", 0, 16));
     for (const HvString& key : {nullKey, zeroLength}) {
@@ -307,7 +248,7 @@ TEST_F(HvKeyTableTest, LookupsWithEmptyKeyGiveEmptyOrFalse)
         EXPECT_FALSE(table.remove(key));
     }
     EXPECT_EQ(1u, table.getCount());
-    EXPECT_EQ(0, fs_destroyed);
+    EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
 }
 
 // ---------------------------------------------------------------- get, containsKey, contains
@@ -315,7 +256,7 @@ TEST_F(HvKeyTableTest, LookupsWithEmptyKeyGiveEmptyOrFalse)
 TEST_F(HvKeyTableTest, GetHandsOutAHandleWithoutTakingTheTablesReference)
 {
     HvString key("g");
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvKeyTable table;
     table.put(key, value.get());
     {
@@ -330,7 +271,7 @@ TEST_F(HvKeyTableTest, GetHandsOutAHandleWithoutTakingTheTablesReference)
 
 TEST_F(HvKeyTableTest, AsynGetFindsTheSameValue)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvKeyTable table;
     table.put("a", value.get());
     EXPECT_EQ(value.get(), table.asynGet("a").get());
@@ -341,7 +282,7 @@ TEST_F(HvKeyTableTest, AsynGetFindsTheSameValue)
 TEST_F(HvKeyTableTest, ContainsKeyTellsPresence)
 {
     HvKeyTable table;
-    table.put("here", new Counted);
+    table.put("here", new hvtest::CountedValue);
     EXPECT_TRUE(table.containsKey("here"));
     EXPECT_FALSE(table.containsKey("there"));
     EXPECT_FALSE(table.containsKey("Here"));
@@ -349,11 +290,11 @@ TEST_F(HvKeyTableTest, ContainsKeyTellsPresence)
 
 TEST_F(HvKeyTableTest, ContainsIsNotImplemented)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvKeyTable table;
     table.put("v", value.get());
-    EXPECT_EQ("Not implemented!", messageOf([&] { table.contains(value.get()); }));
-    EXPECT_EQ("Not implemented!", messageOf([&] { table.contains(nullptr); }));
+    EXPECT_EQ("Not implemented!", hvtest::messageOf([&] { table.contains(value.get()); }));
+    EXPECT_EQ("Not implemented!", hvtest::messageOf([&] { table.contains(nullptr); }));
     EXPECT_EQ(2, value->getRefCount());
     EXPECT_EQ(1u, table.getCount());
 }
@@ -374,7 +315,7 @@ TEST_F(HvKeyTableTest, NullValueStoresTheKey)
 
 TEST_F(HvKeyTableTest, NullValueCanBeReplacedBothWays)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvKeyTable table;
     table.put("k", nullptr);
     // The replaced value was null: an empty handle comes back.
@@ -404,20 +345,20 @@ TEST_F(HvKeyTableTest, RemovingANullValuedKeyReleasesTheKey)
 TEST_F(HvKeyTableTest, RemoveReleasesOneReferenceOnKeyAndValue)
 {
     HvString key("r");
-    HvHandle<Counted> held(new Counted);
+    HvHandle<hvtest::CountedValue> held(new hvtest::CountedValue);
     HvKeyTable table;
     table.put(key, held.get());
-    table.put("only", new Counted);
+    table.put("only", new hvtest::CountedValue);
     EXPECT_EQ(2u, table.getCount());
 
     EXPECT_TRUE(table.remove("r"));
     EXPECT_EQ(1, key->getRefCount());
     EXPECT_EQ(1, held->getRefCount());
-    EXPECT_EQ(0, fs_destroyed);
+    EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
 
     // A value held only by the table is destroyed.
     EXPECT_TRUE(table.remove("only"));
-    EXPECT_EQ(1, fs_destroyed);
+    EXPECT_EQ(1, hvtest::CountedValue::sDestroyed);
     EXPECT_EQ(0u, table.getCount());
 }
 
@@ -425,18 +366,18 @@ TEST_F(HvKeyTableTest, RemoveOfAnAbsentKeyIsFalse)
 {
     HvKeyTable table;
     EXPECT_FALSE(table.remove("none"));
-    table.put("some", new Counted);
+    table.put("some", new hvtest::CountedValue);
     EXPECT_FALSE(table.remove("none"));
     EXPECT_TRUE(table.remove("some"));
     EXPECT_FALSE(table.remove("some"));
-    EXPECT_EQ(1, fs_destroyed);
+    EXPECT_EQ(1, hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvKeyTableTest, RemoveWithAnotherBufferOfTheSameText)
 {
     HvString stored("text");
     HvKeyTable table;
-    table.put(stored, new Counted);
+    table.put(stored, new hvtest::CountedValue);
     HvString probe("text");
     EXPECT_TRUE(table.remove(probe));
     EXPECT_EQ(1, stored->getRefCount());
@@ -445,46 +386,46 @@ TEST_F(HvKeyTableTest, RemoveWithAnotherBufferOfTheSameText)
 
 TEST_F(HvKeyTableTest, ClearReleasesEverythingAndTheTableStaysUsable)
 {
-    long buffers = liveCount("HvStringBuffer");
+    long buffers = hvtest::liveStringBuffers();
     HvString key("held");
-    HvHandle<Counted> held(new Counted);
+    HvHandle<hvtest::CountedValue> held(new hvtest::CountedValue);
     HvKeyTable table;
     table.put(key, held.get());
     for (int i = 0; i < 50; ++i)
-        table.put(HvString(("k" + std::to_string(i)).c_str()), new Counted(i));
+        table.put(HvString(("k" + std::to_string(i)).c_str()), new hvtest::CountedValue(i));
     table.put("null", nullptr);
     EXPECT_EQ(52u, table.getCount());
 
     table.clear();
     EXPECT_EQ(0u, table.getCount());
-    EXPECT_EQ(50, fs_destroyed);
+    EXPECT_EQ(50, hvtest::CountedValue::sDestroyed);
     EXPECT_EQ(1, key->getRefCount());
     EXPECT_EQ(1, held->getRefCount());
     // Only our own key is left.
-    EXPECT_EQ(buffers + 1, liveCount("HvStringBuffer"));
+    EXPECT_EQ(buffers + 1, hvtest::liveStringBuffers());
     HvKeyTable::Iterator walk(table);
     EXPECT_FALSE(walk.hasNext());
 
-    table.put("again", new Counted);
+    table.put("again", new hvtest::CountedValue);
     EXPECT_EQ(1u, table.getCount());
     EXPECT_TRUE(table.containsKey("again"));
     table.clear();
     table.clear();
-    EXPECT_EQ(51, fs_destroyed);
+    EXPECT_EQ(51, hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvKeyTableTest, DestructionReleasesEveryKeyAndValue)
 {
     HvString key("k1");
-    HvHandle<Counted> held(new Counted);
+    HvHandle<hvtest::CountedValue> held(new hvtest::CountedValue);
     {
         HvKeyTable table;
         table.put(key, held.get());
-        table.put("k2", new Counted);
+        table.put("k2", new hvtest::CountedValue);
         table.put("k3", nullptr);
-        table.put("k4", new Counted);
+        table.put("k4", new hvtest::CountedValue);
     }
-    EXPECT_EQ(2, fs_destroyed);
+    EXPECT_EQ(2, hvtest::CountedValue::sDestroyed);
     EXPECT_EQ(1, key->getRefCount());
     EXPECT_EQ(1, held->getRefCount());
 }
@@ -493,14 +434,14 @@ TEST_F(HvKeyTableTest, TableHeldByHandleReleasesEverythingWithTheLastHandle)
 {
     {
         HvHandle<HvKeyTable> table(new HvKeyTable(13, 3));
-        table->put("a", new Counted);
-        table->put("b", new Counted);
+        table->put("a", new hvtest::CountedValue);
+        table->put("b", new hvtest::CountedValue);
         HvHandle<HvKeyTable> other = table;
         table = HvHandle<HvKeyTable>();
-        EXPECT_EQ(0, fs_destroyed);
+        EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
         EXPECT_EQ(2u, other->getCount());
     }
-    EXPECT_EQ(2, fs_destroyed);
+    EXPECT_EQ(2, hvtest::CountedValue::sDestroyed);
 }
 
 // ---------------------------------------------------------------- clone
@@ -509,19 +450,19 @@ TEST_F(HvKeyTableTest, CloneHoldsOneMoreReferenceOnEveryKeyAndValue)
 {
     HvString keyA("a");
     HvString keyB("b");
-    HvHandle<Counted> valueA(new Counted(1));
+    HvHandle<hvtest::CountedValue> valueA(new hvtest::CountedValue(1));
     HvKeyTable table;
     table.put(keyA, valueA.get());
     table.put(keyB, nullptr);
-    table.put("c", new Counted(3));
-    long mutexes = liveCount("HvMutex");
+    table.put("c", new hvtest::CountedValue(3));
+    long mutexes = hvtest::liveCount("HvMutex");
     {
         HvObject* raw = table.clone();
         ASSERT_NE(nullptr, raw);
         EXPECT_EQ(0, raw->getRefCount());
         HvHandle<HvKeyTable> copy(dynamic_cast<HvKeyTable*>(raw));
         ASSERT_FALSE(copy.isNull());
-        EXPECT_EQ(liveCount("HvMutex"), mutexes + 1);
+        EXPECT_EQ(hvtest::liveCount("HvMutex"), mutexes + 1);
         EXPECT_EQ(3u, copy->getCount());
         EXPECT_EQ(3, keyA->getRefCount());
         EXPECT_EQ(3, keyB->getRefCount());
@@ -544,29 +485,29 @@ TEST_F(HvKeyTableTest, CloneHoldsOneMoreReferenceOnEveryKeyAndValue)
         EXPECT_TRUE(copy->remove("a"));
         EXPECT_TRUE(table.containsKey("a"));
         EXPECT_EQ(2, keyA->getRefCount());
-        copy->put("d", new Counted(4));
+        copy->put("d", new hvtest::CountedValue(4));
         EXPECT_FALSE(table.containsKey("d"));
     }
     // Destroying the clone gives back its references.
     EXPECT_EQ(2, keyA->getRefCount());
     EXPECT_EQ(2, keyB->getRefCount());
     EXPECT_EQ(2, valueA->getRefCount());
-    EXPECT_EQ(1, fs_destroyed); // the clone's own "d"
+    EXPECT_EQ(1, hvtest::CountedValue::sDestroyed); // the clone's own "d"
     EXPECT_EQ(3u, table.getCount());
-    EXPECT_EQ(mutexes, liveCount("HvMutex"));
+    EXPECT_EQ(mutexes, hvtest::liveCount("HvMutex"));
 }
 
 TEST_F(HvKeyTableTest, CloneOfAStripedTableHasAsManyLocks)
 {
     HvKeyTable table(101, 7);
-    table.put("x", new Counted);
-    long mutexes = liveCount("HvMutex");
+    table.put("x", new hvtest::CountedValue);
+    long mutexes = hvtest::liveCount("HvMutex");
     {
         HvHandle<HvKeyTable> copy(dynamic_cast<HvKeyTable*>(table.clone()));
-        EXPECT_EQ(mutexes + 7, liveCount("HvMutex"));
+        EXPECT_EQ(mutexes + 7, hvtest::liveCount("HvMutex"));
         EXPECT_TRUE(copy->containsKey("x"));
     }
-    EXPECT_EQ(mutexes, liveCount("HvMutex"));
+    EXPECT_EQ(mutexes, hvtest::liveCount("HvMutex"));
 }
 
 TEST_F(HvKeyTableTest, ValueOutlivesTableWhenCloneStillHoldsIt)
@@ -574,20 +515,20 @@ TEST_F(HvKeyTableTest, ValueOutlivesTableWhenCloneStillHoldsIt)
     HvHandle<HvKeyTable> copy;
     {
         HvKeyTable table;
-        table.put("v", new Counted(5));
+        table.put("v", new hvtest::CountedValue(5));
         copy = dynamic_cast<HvKeyTable*>(table.clone());
     }
-    EXPECT_EQ(0, fs_destroyed);
-    EXPECT_EQ(5, dynamic_cast<Counted*>(copy->get("v").get())->id());
+    EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
+    EXPECT_EQ(5, dynamic_cast<hvtest::CountedValue*>(copy->get("v").get())->id());
     copy = HvHandle<HvKeyTable>();
-    EXPECT_EQ(1, fs_destroyed);
+    EXPECT_EQ(1, hvtest::CountedValue::sDestroyed);
 }
 
 // ---------------------------------------------------------------- mAdd
 
 TEST_F(HvKeyTableTest, MAddOfAnEqualEntryReturnsTheStoredOne)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvKeyTable table;
     table.put("same", value.get());
     HvString probeKey("same");
@@ -618,17 +559,17 @@ TEST_F(HvKeyTableTest, IteratingAnEmptyTableEndsAtOnce)
 TEST_F(HvKeyTableTest, IterationGoesInBucketOrder)
 {
     HvKeyTable table;
-    table.put(kBucket100, new Counted(100));
-    table.put(kBucket5, new Counted(5));
+    table.put(kBucket100, new hvtest::CountedValue(100));
+    table.put(kBucket5, new hvtest::CountedValue(5));
     HvKeyTable::Iterator walk(table);
     ASSERT_TRUE(walk.hasNext());
     ASSERT_NE(nullptr, walk.next());
     EXPECT_STREQ(kBucket5, walk.getKey().c_str());
-    EXPECT_EQ(5, dynamic_cast<Counted*>(walk.getValue().get())->id());
+    EXPECT_EQ(5, dynamic_cast<hvtest::CountedValue*>(walk.getValue().get())->id());
     ASSERT_TRUE(walk.hasNext());
     ASSERT_NE(nullptr, walk.next());
     EXPECT_STREQ(kBucket100, walk.getKey().c_str());
-    EXPECT_EQ(100, dynamic_cast<Counted*>(walk.getValue().get())->id());
+    EXPECT_EQ(100, dynamic_cast<hvtest::CountedValue*>(walk.getValue().get())->id());
     EXPECT_FALSE(walk.hasNext());
     EXPECT_EQ(nullptr, walk.next());
     // Nothing is current after the end.
@@ -668,7 +609,7 @@ TEST_F(HvKeyTableTest, ResetRestartsTheWalk)
 TEST_F(HvKeyTableTest, KeysAndElementsWalkTheSameEntries)
 {
     HvKeyTable table;
-    HvHandle<Counted> value(new Counted(9));
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue(9));
     table.put(kBucket100, value.get());
     table.put(kBucket5, nullptr);
     HvKeyTable::Iterator keys = table.keys();
@@ -688,9 +629,9 @@ TEST_F(HvKeyTableTest, RemovingTheEntryJustReturnedIsSafe)
 {
     HvKeyTable table;
     for (int i = 0; i < 40; ++i)
-        table.put(HvString(("key" + std::to_string(i)).c_str()), new Counted(i));
-    table.put(kBucket5, new Counted(100));
-    table.put(kAlsoBucket5, new Counted(101));
+        table.put(HvString(("key" + std::to_string(i)).c_str()), new hvtest::CountedValue(i));
+    table.put(kBucket5, new hvtest::CountedValue(100));
+    table.put(kAlsoBucket5, new hvtest::CountedValue(101));
     HvKeyTable::Iterator walk(table);
     int seen = 0;
     while (walk.next()) {
@@ -701,7 +642,7 @@ TEST_F(HvKeyTableTest, RemovingTheEntryJustReturnedIsSafe)
     }
     EXPECT_EQ(42, seen);
     EXPECT_EQ(0u, table.getCount());
-    EXPECT_EQ(42, fs_destroyed);
+    EXPECT_EQ(42, hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvKeyTableTest, RehashChangesNothing)
@@ -720,15 +661,15 @@ TEST_F(HvKeyTableTest, OtherSizesWork)
     HvKeyTable striped(7, 3);
     for (int i = 0; i < 30; ++i) {
         std::string key = "s" + std::to_string(i);
-        small.put(key.c_str(), new Counted(i));
-        striped.put(key.c_str(), new Counted(i));
+        small.put(key.c_str(), new hvtest::CountedValue(i));
+        striped.put(key.c_str(), new hvtest::CountedValue(i));
     }
     EXPECT_EQ(30u, small.getCount());
     EXPECT_EQ(30u, striped.getCount());
     for (int i = 0; i < 30; ++i) {
         std::string key = "s" + std::to_string(i);
-        EXPECT_EQ(i, dynamic_cast<Counted*>(small.get(key.c_str()).get())->id());
-        EXPECT_EQ(i, dynamic_cast<Counted*>(striped.get(key.c_str()).get())->id());
+        EXPECT_EQ(i, dynamic_cast<hvtest::CountedValue*>(small.get(key.c_str()).get())->id());
+        EXPECT_EQ(i, dynamic_cast<hvtest::CountedValue*>(striped.get(key.c_str()).get())->id());
     }
     // One bucket: a single chain in insertion order.
     std::vector<std::string> keys = keysInOrder(small);
@@ -745,7 +686,7 @@ TEST_F(HvKeyTableTest, GetCountFollowsPutRemoveAndClear)
     EXPECT_EQ(0u, table.getCount());
     table.put("a", nullptr);
     table.put("b", nullptr);
-    table.put("a", new Counted);
+    table.put("a", new hvtest::CountedValue);
     EXPECT_EQ(2u, table.getCount());
     table.remove("a");
     EXPECT_EQ(1u, table.getCount());
@@ -760,7 +701,7 @@ TEST_F(HvKeyTableTest, GetCountFollowsPutRemoveAndClear)
 TEST_F(HvKeyTableTest, DisplayOfAnEmptyTable)
 {
     HvKeyTable table;
-    EXPECT_EQ("HvKeyTable\n", displayed(table));
+    EXPECT_EQ("HvKeyTable\n", hvtest::displayOf(table));
 }
 
 TEST_F(HvKeyTableTest, DisplayPrintsEachKeyTwiceAndNoValue)
@@ -768,15 +709,15 @@ TEST_F(HvKeyTableTest, DisplayPrintsEachKeyTwiceAndNoValue)
     HvString first(kBucket100);
     HvString second(kBucket5);
     HvKeyTable table;
-    table.put(first, new Counted);
+    table.put(first, new hvtest::CountedValue);
     table.put(second, nullptr);
     // Each key is held by our handle and by the table.
     std::string expected = std::string("HvKeyTable") +
-                           "\n " + kBucket5 + "\t" + "2 \t(" + hexAddress(second.get()) + ")\tHvStringBuffer" +
+                           "\n " + kBucket5 + "\t" + "2 \t(" + hvtest::hexAddress(second.get()) + ")\tHvStringBuffer" +
                            kBucket5 +
-                           "\n " + kBucket100 + "\t" + "2 \t(" + hexAddress(first.get()) + ")\tHvStringBuffer" +
+                           "\n " + kBucket100 + "\t" + "2 \t(" + hvtest::hexAddress(first.get()) + ")\tHvStringBuffer" +
                            kBucket100 + "\n";
-    EXPECT_EQ(expected, displayed(table));
+    EXPECT_EQ(expected, hvtest::displayOf(table));
 }
 
 TEST_F(HvKeyTableTest, DisplayShowsTheKeysOwnCount)
@@ -788,8 +729,8 @@ TEST_F(HvKeyTableTest, DisplayShowsTheKeysOwnCount)
     const HvStringBuffer* key = walk.getKey().get();
     walk.reset();
     // Only the table holds it now.
-    std::string expected = "HvKeyTable\n solo\t1 \t(" + hexAddress(key) + ")\tHvStringBuffersolo\n";
-    EXPECT_EQ(expected, displayed(table));
+    std::string expected = "HvKeyTable\n solo\t1 \t(" + hvtest::hexAddress(key) + ")\tHvStringBuffersolo\n";
+    EXPECT_EQ(expected, hvtest::displayOf(table));
 }
 
 // ---------------------------------------------------------------- threads
@@ -811,7 +752,7 @@ TEST_F(HvKeyTableTest, TwoThreadsOnAStripedTableLeakNothing)
                     shared.push_back("shared" + std::to_string(i));
                 for (int round = 0; round < 150; ++round) {
                     for (size_t i = 0; i < own.size(); ++i) {
-                        Counted* value = new Counted(round);
+                        hvtest::CountedValue* value = new hvtest::CountedValue(round);
                         ++created;
                         table.put(own[i].c_str(), value);
                         // Nobody else writes these keys.
@@ -822,9 +763,9 @@ TEST_F(HvKeyTableTest, TwoThreadsOnAStripedTableLeakNothing)
                     }
                     for (size_t i = 0; i < shared.size(); ++i) {
                         ++created;
-                        table.put(shared[i].c_str(), new Counted(round));
+                        table.put(shared[i].c_str(), new hvtest::CountedValue(round));
                         HvHandle<HvObject> got = table.get(shared[i].c_str());
-                        if (!got.isNull() && dynamic_cast<Counted*>(got.get()) == nullptr)
+                        if (!got.isNull() && dynamic_cast<hvtest::CountedValue*>(got.get()) == nullptr)
                             ++wrongValues;
                         table.containsKey(shared[i].c_str());
                         if (round % 2 == 0)
@@ -842,7 +783,7 @@ TEST_F(HvKeyTableTest, TwoThreadsOnAStripedTableLeakNothing)
         EXPECT_EQ(0, failures.load());
         EXPECT_EQ(0, wrongValues.load());
         // Every value still in the table is alive, every other one is gone.
-        EXPECT_EQ(created.load() - static_cast<int>(table.getCount()), fs_destroyed.load());
+        EXPECT_EQ(created.load() - static_cast<int>(table.getCount()), hvtest::CountedValue::sDestroyed.load());
         unsigned int walked = 0;
         HvKeyTable::Iterator walk(table);
         while (walk.next())
@@ -850,7 +791,7 @@ TEST_F(HvKeyTableTest, TwoThreadsOnAStripedTableLeakNothing)
         EXPECT_EQ(table.getCount(), walked);
         table.clear();
         EXPECT_EQ(0u, table.getCount());
-        EXPECT_EQ(created.load(), fs_destroyed.load());
+        EXPECT_EQ(created.load(), hvtest::CountedValue::sDestroyed.load());
     }
-    EXPECT_EQ(created.load(), fs_destroyed.load());
+    EXPECT_EQ(created.load(), hvtest::CountedValue::sDestroyed.load());
 }

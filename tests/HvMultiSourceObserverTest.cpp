@@ -1,11 +1,8 @@
 #include <HvUtil/HvMultiSourceObserver.h>
 
 #include <HvUtil/HvAggregatedObserver.h>
-#include <HvUtil/HvByteArrayOutputStream.h>
-#include <HvUtil/HvException.h>
-#include <HvUtil/HvMutex.h>
 
-#include <Velmora/MemAllocator.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -22,83 +19,17 @@ namespace {
 const char kSingleObserverText[] =
     "HvObservable::attachObserver() ... The current implementation only allows a single observer";
 
-struct Note {
-    const HvObservable* sender;
-    const HvObject* object;
-    std::string message;
-};
-
-class CountingObserver : public HvObserver {
-public:
-    explicit CountingObserver(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObserver() override { ++m_destroyed; }
-
-    void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override
-    {
-        Note note{source.get(), object.get(), std::string()};
-        if (const HvException* e = dynamic_cast<const HvException*>(object.get()))
-            note.message = e->getMessage().c_str();
-        notes.push_back(note);
-        if (throwText)
-            HvException::sThrow(throwText);
-    }
-
-    std::vector<Note> notes;
-    const char* throwText = nullptr;
-
-private:
-    int& m_destroyed;
-};
-
-class CountingObservable : public HvObservable {
-public:
-    explicit CountingObservable(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObservable() override { ++m_destroyed; }
-
-private:
-    int& m_destroyed;
-};
-
-class CountingMultiSourceObserver : public HvMultiSourceObserver {
+class CountingMultiSourceObserver : public hvtest::Counted<HvMultiSourceObserver> {
 public:
     CountingMultiSourceObserver(HvObserver* observer, HvObservable* source, int& destroyed)
-        : HvMultiSourceObserver(observer, source), m_destroyed(destroyed)
+        : Counted(destroyed, observer, source)
     {
     }
-    ~CountingMultiSourceObserver() override { ++m_destroyed; }
-
-private:
-    int& m_destroyed;
 };
 
-class CountingObject : public HvObject {
-public:
-    explicit CountingObject(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObject() override { ++m_destroyed; }
-
-private:
-    int& m_destroyed;
-};
-
-// The object mutex pool is built by the first object; build it first so that
-// only the mutexes of groups are counted.
-long liveMutexes()
-{
-    HvMutex::sInitialize();
-    return Velmora::allocationStats("HvMutex").liveCount;
-}
-
-HvAggregatedObserver* standInOf(const HvHandle<CountingObservable>& source)
+HvAggregatedObserver* standInOf(const HvHandle<hvtest::CountingObservable>& source)
 {
     return dynamic_cast<HvAggregatedObserver*>(source->getObserver().get());
-}
-
-std::string displayed(const HvObject& object)
-{
-    HvByteArrayOutputStream out(0);
-    object.display(out, false);
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
 }
 
 // Three sources and a client, every one counted. When the fixture goes it
@@ -106,10 +37,10 @@ std::string displayed(const HvObject& object)
 struct Fixture {
     ~Fixture()
     {
-        client = HvHandle<CountingObserver>();
-        first = HvHandle<CountingObservable>();
-        second = HvHandle<CountingObservable>();
-        third = HvHandle<CountingObservable>();
+        client = HvHandle<hvtest::CountingObserver>();
+        first = HvHandle<hvtest::CountingObservable>();
+        second = HvHandle<hvtest::CountingObservable>();
+        third = HvHandle<hvtest::CountingObservable>();
         EXPECT_EQ(3 + extraObservables, observables);
         EXPECT_EQ(1, observers);
         EXPECT_EQ(countedGroups, groups);
@@ -121,21 +52,28 @@ struct Fixture {
     // Set by tests that make more counted objects than the fixture's own.
     int extraObservables = 0;
     int countedGroups = 0;
-    HvHandle<CountingObservable> first{new CountingObservable(observables)};
-    HvHandle<CountingObservable> second{new CountingObservable(observables)};
-    HvHandle<CountingObservable> third{new CountingObservable(observables)};
-    HvHandle<CountingObserver> client{new CountingObserver(observers)};
+    HvHandle<hvtest::CountingObservable> first{new hvtest::CountingObservable(observables)};
+    HvHandle<hvtest::CountingObservable> second{new hvtest::CountingObservable(observables)};
+    HvHandle<hvtest::CountingObservable> third{new hvtest::CountingObservable(observables)};
+    HvHandle<hvtest::CountingObserver> client{new hvtest::CountingObserver(observers)};
+
+    // Groups the client with `source` through a counted group, the one this
+    // fixture then expects to see destroyed.
+    CountingMultiSourceObserver* makeGroup(HvObservable* source)
+    {
+        countedGroups = 1;
+        return new CountingMultiSourceObserver(client.get(), source, groups);
+    }
 };
 
 } // namespace
 
 TEST(HvMultiSourceObserver, TakesTheObserversPlaceInFrontOfItsOldAndNewSource)
 {
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     Fixture f;
     f.first->attachObserver(f.client);
-    f.countedGroups = 1;
-    CountingMultiSourceObserver* group = new CountingMultiSourceObserver(f.client.get(), f.second.get(), f.groups);
+    CountingMultiSourceObserver* group = f.makeGroup(f.second.get());
 
     EXPECT_EQ(group, f.client->getSource().get());
     EXPECT_TRUE(group->getObserver() == f.client);
@@ -143,7 +81,7 @@ TEST(HvMultiSourceObserver, TakesTheObserversPlaceInFrontOfItsOldAndNewSource)
     EXPECT_TRUE(group->getSourceAt(0) == f.first);
     EXPECT_TRUE(group->getSourceAt(1) == f.second);
     EXPECT_TRUE(group->getSourceAt(2).isNull());
-    for (const HvHandle<CountingObservable>* source : {&f.first, &f.second}) {
+    for (const HvHandle<hvtest::CountingObservable>* source : {&f.first, &f.second}) {
         HvAggregatedObserver* standIn = standInOf(*source);
         ASSERT_NE(nullptr, standIn);
         EXPECT_EQ(static_cast<HvObserver*>(group), standIn->getOwner());
@@ -151,11 +89,11 @@ TEST(HvMultiSourceObserver, TakesTheObserversPlaceInFrontOfItsOldAndNewSource)
     }
     // The client's link and each stand-in's place at its source count on the group.
     EXPECT_EQ(3, group->getRefCount());
-    EXPECT_EQ(mutexesBefore + 1, liveMutexes());
+    EXPECT_EQ(mutexesBefore + 1, hvtest::liveMutexesBeyondPool());
 
     f.client->detach();
     EXPECT_EQ(1, f.groups);
-    EXPECT_EQ(mutexesBefore, liveMutexes());
+    EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
     EXPECT_EQ(0, f.first->countObservers());
     EXPECT_EQ(0, f.second->countObservers());
 }
@@ -163,8 +101,7 @@ TEST(HvMultiSourceObserver, TakesTheObserversPlaceInFrontOfItsOldAndNewSource)
 TEST(HvMultiSourceObserver, ObserverWithoutSourceGetsAGroupOfOne)
 {
     Fixture f;
-    f.countedGroups = 1;
-    CountingMultiSourceObserver* group = new CountingMultiSourceObserver(f.client.get(), f.first.get(), f.groups);
+    CountingMultiSourceObserver* group = f.makeGroup(f.first.get());
     EXPECT_EQ(group, f.client->getSource().get());
     EXPECT_EQ(1u, group->countSources());
     EXPECT_TRUE(group->getSourceAt(0) == f.first);
@@ -181,25 +118,19 @@ TEST(HvMultiSourceObserver, ObserverWithoutSourceGetsAGroupOfOne)
 
 TEST(HvMultiSourceObserver, FailedConstructionGivesTheObserverBackToItsOldSource)
 {
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     Fixture f;
     int others = 0;
-    HvHandle<CountingObserver> other(new CountingObserver(others));
+    HvHandle<hvtest::CountingObserver> other(new hvtest::CountingObserver(others));
     f.first->attachObserver(f.client);
     f.second->attachObserver(other);
 
-    bool thrown = false;
-    try {
-        new HvMultiSourceObserver(f.client.get(), f.second.get());
-    } catch (HvHandle<HvException>& e) {
-        thrown = true;
-        EXPECT_STREQ(kSingleObserverText, e->getMessage().c_str());
-    }
-    EXPECT_TRUE(thrown);
+    EXPECT_EQ(kSingleObserverText,
+              hvtest::messageOf([&] { new HvMultiSourceObserver(f.client.get(), f.second.get()); }));
     EXPECT_TRUE(f.client->getSource() == f.first);
     EXPECT_TRUE(f.first->getObserver() == f.client);
     EXPECT_TRUE(f.second->getObserver() == other);
-    EXPECT_EQ(mutexesBefore, liveMutexes());
+    EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
     EXPECT_EQ(2, f.first->getRefCount());
     EXPECT_EQ(2, f.client->getRefCount());
 
@@ -211,8 +142,7 @@ TEST(HvMultiSourceObserver, AddSourceAppendsAStandInThatForwards)
 {
     Fixture f;
     f.first->attachObserver(f.client);
-    f.countedGroups = 1;
-    CountingMultiSourceObserver* group = new CountingMultiSourceObserver(f.client.get(), f.second.get(), f.groups);
+    CountingMultiSourceObserver* group = f.makeGroup(f.second.get());
 
     group->addSource(f.third.get());
     EXPECT_EQ(3u, group->countSources());
@@ -233,7 +163,7 @@ TEST(HvMultiSourceObserver, AddSourceThatHasAnObserverThrowsAndLeavesTheGroupAsI
 {
     Fixture f;
     int others = 0;
-    HvHandle<CountingObserver> other(new CountingObserver(others));
+    HvHandle<hvtest::CountingObserver> other(new hvtest::CountingObserver(others));
     f.third->attachObserver(other);
     f.first->attachObserver(f.client);
     f.second->attachObserver(f.client);
@@ -241,14 +171,7 @@ TEST(HvMultiSourceObserver, AddSourceThatHasAnObserverThrowsAndLeavesTheGroupAsI
     ASSERT_NE(nullptr, group);
     const int countBefore = group->getRefCount();
 
-    bool thrown = false;
-    try {
-        group->addSource(f.third.get());
-    } catch (HvHandle<HvException>& e) {
-        thrown = true;
-        EXPECT_STREQ(kSingleObserverText, e->getMessage().c_str());
-    }
-    EXPECT_TRUE(thrown);
+    EXPECT_EQ(kSingleObserverText, hvtest::messageOf([&] { group->addSource(f.third.get()); }));
     EXPECT_EQ(2u, group->countSources());
     EXPECT_EQ(countBefore, group->getRefCount());
     EXPECT_TRUE(f.third->getObserver() == other);
@@ -321,7 +244,7 @@ TEST(HvMultiSourceObserver, AfterRemoveSourceTheOtherSourceKeepsFlowingInOrder)
     group->removeSource(f.first.get());
     std::vector<HvHandle<HvObject>> payloads;
     for (int i = 0; i < 3; ++i)
-        payloads.push_back(HvHandle<HvObject>(new CountingObject(objects)));
+        payloads.push_back(HvHandle<HvObject>(new hvtest::CountingObject(objects)));
     f.second->notifyObservers(payloads[0]);
     f.first->notifyObservers(payloads[1]);
     f.second->notifyObservers(payloads[1]);
@@ -329,8 +252,7 @@ TEST(HvMultiSourceObserver, AfterRemoveSourceTheOtherSourceKeepsFlowingInOrder)
 
     ASSERT_EQ(3u, f.client->notes.size());
     for (unsigned int i = 0; i < 3; ++i) {
-        EXPECT_EQ(f.second.get(), f.client->notes[i].sender);
-        EXPECT_EQ(payloads[i].get(), f.client->notes[i].object);
+        hvtest::expectNote(f.client->notes, i, f.second.get(), payloads[i].get());
     }
 
     f.client->detach();
@@ -375,12 +297,12 @@ TEST(HvMultiSourceObserver, DetachAllDetachesEverySourceButKeepsTheClient)
 
 TEST(HvMultiSourceObserver, DetachingTheClientDetachesAllSourcesAndFreesTheGroup)
 {
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     Fixture f;
     f.first->attachObserver(f.client);
     f.second->attachObserver(f.client);
     f.third->attachObserver(f.client);
-    EXPECT_EQ(mutexesBefore + 1, liveMutexes());
+    EXPECT_EQ(mutexesBefore + 1, hvtest::liveMutexesBeyondPool());
 
     f.client->detach();
     EXPECT_EQ(0, f.first->countObservers());
@@ -390,7 +312,7 @@ TEST(HvMultiSourceObserver, DetachingTheClientDetachesAllSourcesAndFreesTheGroup
     // Only the test's handles are left.
     EXPECT_EQ(1, f.first->getRefCount());
     EXPECT_EQ(1, f.client->getRefCount());
-    EXPECT_EQ(mutexesBefore, liveMutexes());
+    EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
     EXPECT_EQ(0, f.observables);
 }
 
@@ -398,8 +320,7 @@ TEST(HvMultiSourceObserver, DetachObserverOfTheClientFreesACountedGroupOnce)
 {
     Fixture f;
     f.first->attachObserver(f.client);
-    f.countedGroups = 1;
-    CountingMultiSourceObserver* group = new CountingMultiSourceObserver(f.client.get(), f.second.get(), f.groups);
+    CountingMultiSourceObserver* group = f.makeGroup(f.second.get());
     group->addSource(f.third.get());
 
     group->detachObserver(f.client);
@@ -413,12 +334,12 @@ TEST(HvMultiSourceObserver, DetachObserverOfTheClientFreesACountedGroupOnce)
 TEST(HvMultiSourceObserver, SourcesHeldOnlyByTheGroupGoWhenTheClientDetaches)
 {
     int observables = 0, observers = 0, groups = 0;
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     {
-        HvHandle<CountingObserver> client(new CountingObserver(observers));
+        HvHandle<hvtest::CountingObserver> client(new hvtest::CountingObserver(observers));
         {
-            HvHandle<CountingObservable> first(new CountingObservable(observables));
-            HvHandle<CountingObservable> second(new CountingObservable(observables));
+            HvHandle<hvtest::CountingObservable> first(new hvtest::CountingObservable(observables));
+            HvHandle<hvtest::CountingObservable> second(new hvtest::CountingObservable(observables));
             first->attachObserver(client);
             new CountingMultiSourceObserver(client.get(), second.get(), groups);
         }
@@ -432,14 +353,14 @@ TEST(HvMultiSourceObserver, SourcesHeldOnlyByTheGroupGoWhenTheClientDetaches)
         EXPECT_EQ(1, client->getRefCount());
     }
     EXPECT_EQ(1, observers);
-    EXPECT_EQ(mutexesBefore, liveMutexes());
+    EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
 }
 
 TEST(HvMultiSourceObserver, DetachObserverWithAStrangerLeavesTheGroupIntact)
 {
     Fixture f;
     int others = 0;
-    HvHandle<CountingObserver> stranger(new CountingObserver(others));
+    HvHandle<hvtest::CountingObserver> stranger(new hvtest::CountingObserver(others));
     f.first->attachObserver(f.client);
     f.second->attachObserver(f.client);
     HvMultiSourceObserver* group = dynamic_cast<HvMultiSourceObserver*>(f.client->getSource().get());
@@ -463,12 +384,11 @@ TEST(HvMultiSourceObserver, OnNotificationForwardsTheSenderToTheClient)
     f.second->attachObserver(f.client);
     HvMultiSourceObserver* group = dynamic_cast<HvMultiSourceObserver*>(f.client->getSource().get());
     ASSERT_NE(nullptr, group);
-    HvHandle<HvObject> payload(new CountingObject(objects));
+    HvHandle<HvObject> payload(new hvtest::CountingObject(objects));
 
     group->onNotification(f.third, payload);
     ASSERT_EQ(1u, f.client->notes.size());
-    EXPECT_EQ(f.third.get(), f.client->notes[0].sender);
-    EXPECT_EQ(payload.get(), f.client->notes[0].object);
+    hvtest::expectNote(f.client->notes, 0, f.third.get(), payload.get());
     EXPECT_EQ(1, payload->getRefCount());
 
     f.client->detach();
@@ -495,14 +415,7 @@ TEST(HvMultiSourceObserver, ClientsExceptionReachesTheNotifyingSource)
     f.first->attachObserver(f.client);
     f.second->attachObserver(f.client);
     f.client->throwText = "client failed";
-    bool thrown = false;
-    try {
-        f.second->notifyObservers(HvHandle<HvObject>());
-    } catch (HvHandle<HvException>& e) {
-        thrown = true;
-        EXPECT_STREQ("client failed", e->getMessage().c_str());
-    }
-    EXPECT_TRUE(thrown);
+    EXPECT_EQ("client failed", hvtest::messageOf([&] { f.second->notifyObservers(HvHandle<HvObject>()); }));
     HvMultiSourceObserver* group = dynamic_cast<HvMultiSourceObserver*>(f.client->getSource().get());
     ASSERT_NE(nullptr, group);
     EXPECT_EQ(3, group->getRefCount());
@@ -512,13 +425,13 @@ TEST(HvMultiSourceObserver, ClientsExceptionReachesTheNotifyingSource)
 
 TEST(HvMultiSourceObserver, DestroyedSourceTellsTheClientDisconnectingWithItselfAsSender)
 {
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     Fixture f;
     f.first->attachObserver(f.client);
     const HvObservable* address = nullptr;
     f.extraObservables = 1;
     {
-        CountingObservable member(f.observables);
+        hvtest::CountingObservable member(f.observables);
         address = &member;
         member.attachObserver(f.client);
         HvMultiSourceObserver* group = dynamic_cast<HvMultiSourceObserver*>(f.client->getSource().get());
@@ -540,7 +453,7 @@ TEST(HvMultiSourceObserver, DestroyedSourceTellsTheClientDisconnectingWithItself
 
     f.client->detach();
     EXPECT_EQ(0, f.first->countObservers());
-    EXPECT_EQ(mutexesBefore, liveMutexes());
+    EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
 }
 
 TEST(HvMultiSourceObserver, FanInFromTwoThreadsDeliversEveryNotification)
@@ -562,15 +475,15 @@ TEST(HvMultiSourceObserver, FanInFromTwoThreadsDeliversEveryNotification)
         int withPayload = 0;
     };
 
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     {
-        HvHandle<CountingObservable> first(new CountingObservable(observables));
-        HvHandle<CountingObservable> second(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> first(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> second(new hvtest::CountingObservable(observables));
         HvHandle<ThreadCountingObserver> client(new ThreadCountingObserver);
         first->attachObserver(client);
         second->attachObserver(client);
-        HvHandle<HvObject> firstPayload(new CountingObject(objects));
-        HvHandle<HvObject> secondPayload(new CountingObject(objects));
+        HvHandle<HvObject> firstPayload(new hvtest::CountingObject(objects));
+        HvHandle<HvObject> secondPayload(new hvtest::CountingObject(objects));
 
         std::atomic<bool> go(false);
         std::atomic<int> finished(0);
@@ -612,7 +525,7 @@ TEST(HvMultiSourceObserver, FanInFromTwoThreadsDeliversEveryNotification)
     }
     EXPECT_EQ(2, observables);
     EXPECT_EQ(2, objects);
-    EXPECT_EQ(mutexesBefore, liveMutexes());
+    EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
 }
 
 TEST(HvMultiSourceObserver, DisplayShowsCountAndClassName)
@@ -621,7 +534,7 @@ TEST(HvMultiSourceObserver, DisplayShowsCountAndClassName)
     f.first->attachObserver(f.client);
     f.second->attachObserver(f.client);
     HvObservable* group = f.client->getSource().get();
-    EXPECT_EQ("3\tHvMultiSourceObserver", displayed(*group));
+    EXPECT_EQ("3\tHvMultiSourceObserver", hvtest::displayOf(*group, false));
     f.client->detach();
 }
 
@@ -659,8 +572,8 @@ TEST(HvMultiSourceObserver, ClientMayRemoveTheSendingSourceFromInsideItsNotifica
 {
     int observables = 0, observers = 0, groups = 0;
     {
-        HvHandle<CountingObservable> first(new CountingObservable(observables));
-        HvHandle<CountingObservable> second(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> first(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> second(new hvtest::CountingObservable(observables));
         HvHandle<ReactingObserver> client(new ReactingObserver(ReactingObserver::RemoveSender, observers));
         first->attachObserver(client);
         CountingMultiSourceObserver* group = new CountingMultiSourceObserver(client.get(), second.get(), groups);
@@ -685,10 +598,10 @@ TEST(HvMultiSourceObserver, ClientMayRemoveTheSendingSourceFromInsideItsNotifica
 TEST(HvMultiSourceObserver, ClientMayDetachFromInsideANotification)
 {
     int observables = 0, observers = 0, groups = 0;
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     {
-        HvHandle<CountingObservable> first(new CountingObservable(observables));
-        HvHandle<CountingObservable> second(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> first(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> second(new hvtest::CountingObservable(observables));
         HvHandle<ReactingObserver> client(new ReactingObserver(ReactingObserver::DetachSelf, observers));
         first->attachObserver(client);
         new CountingMultiSourceObserver(client.get(), second.get(), groups);
@@ -703,5 +616,5 @@ TEST(HvMultiSourceObserver, ClientMayDetachFromInsideANotification)
     }
     EXPECT_EQ(2, observables);
     EXPECT_EQ(1, observers);
-    EXPECT_EQ(mutexesBefore, liveMutexes());
+    EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
 }

@@ -2,40 +2,18 @@
 
 #include <HvUtil/HvObject.h>
 
-#include <Velmora/MemAllocator.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <pthread.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <set>
 #include <thread>
-#include <vector>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-// Polls `condition` every millisecond until it holds or `limit` has passed.
-template <class Condition>
-bool waitFor(Condition condition, std::chrono::milliseconds limit = std::chrono::milliseconds(5000))
-{
-    Clock::time_point deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-long liveMutexes()
-{
-    return Velmora::allocationStats("HvMutex").liveCount;
-}
 
 // Exposes the object mutex an HvObject borrowed from the pool.
 class ProbeObject : public HvObject {
@@ -54,13 +32,13 @@ TEST(HvMutex, InitializeFillsAllPoolEntries)
         distinct.insert(HvMutex::sm_pMutex[index]);
     }
     EXPECT_EQ(distinct.size(), 256u);
-    EXPECT_GE(liveMutexes(), 256);
+    EXPECT_GE(hvtest::liveCount("HvMutex"), 256);
 }
 
 TEST(HvMutex, SecondInitializeCreatesNothing)
 {
     HvMutex::sInitialize();
-    long before = liveMutexes();
+    long before = hvtest::liveCount("HvMutex");
     HvMutex* first[HvMutex::kPoolSize];
     for (unsigned int index = 0; index < HvMutex::kPoolSize; ++index)
         first[index] = HvMutex::sm_pMutex[index];
@@ -68,7 +46,7 @@ TEST(HvMutex, SecondInitializeCreatesNothing)
     HvMutex::sInitialize();
     HvMutex::sInitialize();
 
-    EXPECT_EQ(liveMutexes(), before);
+    EXPECT_EQ(hvtest::liveCount("HvMutex"), before);
     for (unsigned int index = 0; index < HvMutex::kPoolSize; ++index) {
         ASSERT_NE(HvMutex::sm_pMutex[index], nullptr) << "entry " << index;
         EXPECT_EQ(HvMutex::sm_pMutex[index], first[index]) << "entry " << index;
@@ -125,11 +103,11 @@ TEST(HvMutex, LockCountIncrementsWhenLockHasToWait)
             mutex->unlock();
         });
         // Failures before join() are EXPECTs: leaving with a joinable thread aborts.
-        EXPECT_TRUE(waitFor([&] { return HvMutex::m_tryLockCount.load() - tryBefore >= 2; }));
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(hvtest::waitUntil([&] { return HvMutex::m_tryLockCount.load() - tryBefore >= 2; }));
+        std::this_thread::sleep_for(hvtest::kHoldWindow);
         EXPECT_FALSE(acquired.load()) << "lock() returned while another thread held the mutex";
         mutex->unlock();
-        EXPECT_TRUE(waitFor([&] { return acquired.load(); }));
+        EXPECT_TRUE(hvtest::waitUntil([&] { return acquired.load(); }));
         waiter.join();
         unsigned int blocked = HvMutex::m_lockCount.load() - blockedBefore;
         EXPECT_LE(blocked, 1u);
@@ -141,14 +119,14 @@ TEST(HvMutex, LockCountIncrementsWhenLockHasToWait)
 
 TEST(HvMutex, CreateAndDestroyGiveStorageBack)
 {
-    long before = liveMutexes();
+    long before = hvtest::liveCount("HvMutex");
     HvMutex* mutex = HvMutex::sCreate();
     ASSERT_NE(mutex, nullptr);
-    EXPECT_EQ(liveMutexes(), before + 1);
+    EXPECT_EQ(hvtest::liveCount("HvMutex"), before + 1);
     HvMutex::sDestroy(mutex);
-    EXPECT_EQ(liveMutexes(), before);
+    EXPECT_EQ(hvtest::liveCount("HvMutex"), before);
     HvMutex::sDestroy(nullptr);
-    EXPECT_EQ(liveMutexes(), before);
+    EXPECT_EQ(hvtest::liveCount("HvMutex"), before);
 }
 
 TEST(HvMutex, ProtectsCounterAcrossThreads)
@@ -157,26 +135,10 @@ TEST(HvMutex, ProtectsCounterAcrossThreads)
     HvMutex* mutex = HvMutex::sm_pMutex[7];
     const int kThreads = 4;
     const int kRounds = 20000;
-    long counter = 0;
-    std::atomic<int> inside{0};
-    std::atomic<int> overlaps{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < kRounds; ++i) {
-                mutex->lock();
-                if (inside.fetch_add(1) != 0)
-                    overlaps.fetch_add(1);
-                ++counter;
-                inside.fetch_sub(1);
-                mutex->unlock();
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
-    EXPECT_EQ(overlaps.load(), 0);
+    hvtest::ExclusionResult result =
+        hvtest::runExclusively(kThreads, kRounds, [&] { mutex->lock(); }, [&] { mutex->unlock(); });
+    EXPECT_EQ(result.counter, static_cast<long>(kThreads) * kRounds);
+    EXPECT_EQ(result.overlaps, 0);
 }
 
 TEST(HvMutex, ScopedLockHoldsUntilScopeEnds)
@@ -193,11 +155,11 @@ TEST(HvMutex, ScopedLockHoldsUntilScopeEnds)
             acquired = true;
             mutex->unlock();
         });
-        EXPECT_TRUE(waitFor([&] { return waiting.load(); }));
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(hvtest::waitUntil([&] { return waiting.load(); }));
+        std::this_thread::sleep_for(hvtest::kHoldWindow);
         EXPECT_FALSE(acquired.load());
     }
-    EXPECT_TRUE(waitFor([&] { return acquired.load(); }));
+    EXPECT_TRUE(hvtest::waitUntil([&] { return acquired.load(); }));
     waiter.join();
     HvMutex::sDestroy(mutex);
 }

@@ -7,16 +7,14 @@
 #include <HvUtil/HvString.h>
 #include <HvUtil/HvStringBuffer.h>
 
-#include <Velmora/Assertion.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <pthread.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
-#include <regex>
 #include <string>
 #include <typeinfo>
 
@@ -41,63 +39,9 @@ class ShortObj : public HvObject {
 
 namespace {
 
-std::string textOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    if (bytes.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
-
-std::string displayOf(const HvObject& object, bool verbose)
-{
-    HvByteArrayOutputStream out(0);
-    object.display(out, verbose);
-    return textOf(out);
-}
-
-std::string hexAddress(const void* p)
-{
-    char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%08lX", reinterpret_cast<unsigned long>(p));
-    return buffer;
-}
-
 int sign(int value)
 {
     return (value > 0) - (value < 0);
-}
-
-struct AssertionRecord {
-    int calls = 0;
-    std::string text;
-    std::string file;
-    int line = 0;
-};
-AssertionRecord fs_assertion;
-
-void recordAssertion(const char* text, const char* file, int line)
-{
-    ++fs_assertion.calls;
-    fs_assertion.text = text ? text : "";
-    fs_assertion.file = file ? file : "";
-    fs_assertion.line = line;
-}
-
-// Installs the recording handler for one test and restores the previous one.
-class RecordAssertions {
-public:
-    RecordAssertions() : m_previous(Velmora::Assertion::sSetHandler(&recordAssertion)) { fs_assertion = {}; }
-    ~RecordAssertions() { Velmora::Assertion::sSetHandler(m_previous); }
-
-private:
-    Velmora::Assertion::Handler m_previous;
-};
-
-// The compiler's __DATE__ " " __TIME__, e.g. "Jan  1 2024 12:00:00".
-bool looksLikeCompileTimestamp(const char* timestamp)
-{
-    return timestamp && std::regex_match(timestamp, std::regex("[A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}"));
 }
 
 } // namespace
@@ -106,7 +50,7 @@ TEST(HvObject, NewObjectHasCountZero)
 {
     HvObject object;
     EXPECT_EQ(object.getRefCount(), 0);
-    EXPECT_EQ(displayOf(object, false), "0\tvObject");
+    EXPECT_EQ(hvtest::displayOf(object, false), "0\tvObject");
 }
 
 TEST(HvObject, ObjectCostsTwoWordsBeyondVtablePointer)
@@ -117,14 +61,14 @@ TEST(HvObject, ObjectCostsTwoWordsBeyondVtablePointer)
 TEST(HvObject, DisplayAfterOneHandleWritesCountTabAndTrimmedName)
 {
     HvHandle<HvObject> handle(new HvObject);
-    EXPECT_EQ(displayOf(*handle, false), "1\tvObject");
+    EXPECT_EQ(hvtest::displayOf(*handle, false), "1\tvObject");
 }
 
 TEST(HvObject, VerboseDisplayAddsBlankTabAndParenthesisedAddress)
 {
     HvHandle<HvObject> handle(new HvObject);
     HvHandle<HvObject> second(handle);
-    EXPECT_EQ(displayOf(*handle, true), "2 \t(" + hexAddress(handle.get()) + ")\tvObject");
+    EXPECT_EQ(hvtest::displayOf(*handle, true), "2 \t(" + hvtest::hexAddress(handle.get()) + ")\tvObject");
 }
 
 TEST(HvObject, GetClassNameSkipsTwoCharactersOfTheMangledName)
@@ -149,7 +93,7 @@ TEST(HvObject, GetClassNameUsesTheDynamicType)
     HvString text("abc");
     const HvObject* asRoot = text.get();
     EXPECT_STREQ(asRoot->getClassName(), "HvStringBuffer");
-    EXPECT_STREQ(displayOf(*asRoot, false).c_str(), "1\tHvStringBuffer");
+    EXPECT_STREQ(hvtest::displayOf(*asRoot, false).c_str(), "1\tHvStringBuffer");
 }
 
 TEST(HvObject, PrintingNullPointerWritesNilHvObject)
@@ -157,7 +101,7 @@ TEST(HvObject, PrintingNullPointerWritesNilHvObject)
     HvByteArrayOutputStream out(0);
     const HvObject* nothing = nullptr;
     out << nothing;
-    EXPECT_EQ(textOf(out), "Nil HvObject");
+    EXPECT_EQ(hvtest::textOf(out), "Nil HvObject");
 }
 
 TEST(HvObject, PrintingObjectPointerWritesVerboseDisplay)
@@ -165,7 +109,7 @@ TEST(HvObject, PrintingObjectPointerWritesVerboseDisplay)
     HvHandle<HvObject> handle(new HvObject);
     HvByteArrayOutputStream out(0);
     out << handle.get();
-    EXPECT_EQ(textOf(out), "1 \t(" + hexAddress(handle.get()) + ")\tvObject");
+    EXPECT_EQ(hvtest::textOf(out), "1 \t(" + hvtest::hexAddress(handle.get()) + ")\tvObject");
 }
 
 TEST(HvObject, IsSameClassComparesDynamicTypes)
@@ -219,7 +163,7 @@ TEST(HvObject, ReleaseFalseToZeroLeavesObjectAliveAndReturnsZero)
 
 TEST(HvObject, DestructionWithLiveReferencesThrowsAssertionFailure)
 {
-    RecordAssertions recorder;
+    hvtest::AssertionScope recorder;
     int destroyed = 0;
     CountingObject* object = new CountingObject(&destroyed);
     object->AddRef();
@@ -237,17 +181,15 @@ TEST(HvObject, DestructionWithLiveReferencesThrowsAssertionFailure)
     EXPECT_STREQ(failure->getMessage().c_str(), "Destructing HvObject with live references");
     EXPECT_STREQ(failure->getFile(), "HvObject.cpp");
     EXPECT_EQ(failure->getLine(), 52u);
-    EXPECT_TRUE(looksLikeCompileTimestamp(failure->getTimestamp())) << failure->getTimestamp();
+    EXPECT_TRUE(hvtest::looksLikeCompileTimestamp(failure->getTimestamp())) << failure->getTimestamp();
 
-    EXPECT_EQ(fs_assertion.calls, 1);
-    EXPECT_EQ(fs_assertion.text, "Destructing HvObject with live references");
-    EXPECT_EQ(fs_assertion.file, "HvObject.cpp");
-    EXPECT_EQ(fs_assertion.line, 52);
+    EXPECT_EQ(hvtest::assertionCount(), 1u);
+    hvtest::expectAssertion(hvtest::lastAssertion(), "Destructing HvObject with live references", "HvObject.cpp", 52);
 }
 
 TEST(HvObject, DefaultCloneThrowsCloningIsNotSupported)
 {
-    RecordAssertions recorder;
+    hvtest::AssertionScope recorder;
     HvObject object;
     HvHandle<HvException> caught;
     try {
@@ -262,11 +204,9 @@ TEST(HvObject, DefaultCloneThrowsCloningIsNotSupported)
     EXPECT_STREQ(failure->getMessage().c_str(), "cloning is not supported");
     EXPECT_STREQ(failure->getFile(), "HvObject.cpp");
     EXPECT_EQ(failure->getLine(), 87u);
-    EXPECT_TRUE(looksLikeCompileTimestamp(failure->getTimestamp())) << failure->getTimestamp();
-    EXPECT_EQ(fs_assertion.calls, 1);
-    EXPECT_EQ(fs_assertion.text, "cloning is not supported");
-    EXPECT_EQ(fs_assertion.file, "HvObject.cpp");
-    EXPECT_EQ(fs_assertion.line, 87);
+    EXPECT_TRUE(hvtest::looksLikeCompileTimestamp(failure->getTimestamp())) << failure->getTimestamp();
+    EXPECT_EQ(hvtest::assertionCount(), 1u);
+    hvtest::expectAssertion(hvtest::lastAssertion(), "cloning is not supported", "HvObject.cpp", 87);
     EXPECT_EQ(object.getRefCount(), 0);
 }
 

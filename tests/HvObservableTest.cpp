@@ -1,13 +1,12 @@
 #include <HvUtil/HvObservable.h>
 
 #include <HvUtil/HvAggregatedObserver.h>
-#include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvException.h>
-#include <HvUtil/HvMutex.h>
 #include <HvUtil/HvMultiSourceObserver.h>
 
 #include <Velmora/LogCapture.h>
-#include <Velmora/MemAllocator.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -42,10 +41,9 @@ Note makeNote(const HvObserver& receiver, const HvHandle<HvObservable>& source, 
 }
 
 // Records what it is told and counts its own destruction.
-class CountingObserver : public HvObserver {
+class CountingObserver : public hvtest::Counted<HvObserver> {
 public:
-    explicit CountingObserver(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObserver() override { ++m_destroyed; }
+    explicit CountingObserver(int& destroyed) : Counted(destroyed) {}
 
     void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override
     {
@@ -59,25 +57,13 @@ public:
     std::vector<Note> notes;
     const char* throwText = nullptr;
     bool detachWhenTold = false;
-
-private:
-    int& m_destroyed;
-};
-
-class CountingObservable : public HvObservable {
-public:
-    explicit CountingObservable(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObservable() override { ++m_destroyed; }
-
-private:
-    int& m_destroyed;
 };
 
 // A bottom source whose block() stands for the real wait: it records the
 // call and reports the result it was given, without notifying.
-class BottomSource : public CountingObservable {
+class BottomSource : public hvtest::CountingObservable {
 public:
-    BottomSource(int& destroyed, bool result) : CountingObservable(destroyed), m_result(result) {}
+    BottomSource(int& destroyed, bool result) : hvtest::CountingObservable(destroyed), m_result(result) {}
     bool block() override
     {
         ++blockCalls;
@@ -90,9 +76,9 @@ private:
 };
 
 // A relay that records what reaches it from below before relaying it.
-class RecordingRelay : public CountingObservable {
+class RecordingRelay : public hvtest::CountingObservable {
 public:
-    explicit RecordingRelay(int& destroyed) : CountingObservable(destroyed) {}
+    explicit RecordingRelay(int& destroyed) : hvtest::CountingObservable(destroyed) {}
     void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override
     {
         notes.push_back(makeNote(*this, source, object));
@@ -101,38 +87,13 @@ public:
     std::vector<Note> notes;
 };
 
-class CountingObject : public HvObject {
-public:
-    explicit CountingObject(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObject() override { ++m_destroyed; }
-
-private:
-    int& m_destroyed;
-};
-
-std::string displayed(const HvObject& object)
-{
-    HvByteArrayOutputStream out(0);
-    object.display(out, false);
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
-
-// The object mutex pool is built by the first object; build it first so that
-// only the mutexes of groups are counted.
-long liveMutexes()
-{
-    HvMutex::sInitialize();
-    return Velmora::allocationStats("HvMutex").liveCount;
-}
-
 } // namespace
 
 TEST(HvObservable, CountObserversIsZeroThenOneThenZero)
 {
     int observables = 0, observers = 0;
     {
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> observer(new CountingObserver(observers));
         EXPECT_EQ(0, source->countObservers());
         source->attachObserver(observer);
@@ -166,18 +127,11 @@ TEST(HvObservable, SecondFreshObserverIsRefusedAndExistingLinkIsUnchanged)
 {
     int observables = 0, observers = 0;
     {
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> first(new CountingObserver(observers));
         HvHandle<CountingObserver> second(new CountingObserver(observers));
         source->attachObserver(first);
-        bool thrown = false;
-        try {
-            source->attachObserver(second);
-        } catch (HvHandle<HvException>& e) {
-            thrown = true;
-            EXPECT_STREQ(kSingleObserverText, e->getMessage().c_str());
-        }
-        EXPECT_TRUE(thrown);
+        EXPECT_EQ(kSingleObserverText, hvtest::messageOf([&] { source->attachObserver(second); }));
         EXPECT_EQ(1, source->countObservers());
         EXPECT_TRUE(source->getObserver() == first);
         EXPECT_TRUE(first->getSource() == source);
@@ -193,10 +147,10 @@ TEST(HvObservable, SecondFreshObserverIsRefusedAndExistingLinkIsUnchanged)
 TEST(HvObservable, ObserverAttachedElsewhereIsFedThroughMultiSourceObserver)
 {
     int observables = 0, observers = 0;
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     {
-        HvHandle<CountingObservable> first(new CountingObservable(observables));
-        HvHandle<CountingObservable> second(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> first(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> second(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> client(new CountingObserver(observers));
         first->attachObserver(client);
         ASSERT_NO_THROW(second->attachObserver(client));
@@ -207,7 +161,7 @@ TEST(HvObservable, ObserverAttachedElsewhereIsFedThroughMultiSourceObserver)
         EXPECT_TRUE(group->getSourceAt(0) == first);
         EXPECT_TRUE(group->getSourceAt(1) == second);
         EXPECT_TRUE(group->getObserver() == client);
-        EXPECT_EQ(mutexesBefore + 1, liveMutexes());
+        EXPECT_EQ(mutexesBefore + 1, hvtest::liveMutexesBeyondPool());
 
         // Each source now has one observer of its own: a stand-in of the group.
         for (HvObservable* source : {static_cast<HvObservable*>(first.get()), static_cast<HvObservable*>(second.get())}) {
@@ -223,7 +177,7 @@ TEST(HvObservable, ObserverAttachedElsewhereIsFedThroughMultiSourceObserver)
         EXPECT_EQ(0, first->countObservers());
         EXPECT_EQ(0, second->countObservers());
         EXPECT_TRUE(client->getSource().isNull());
-        EXPECT_EQ(mutexesBefore, liveMutexes());
+        EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
     }
     EXPECT_EQ(2, observables);
     EXPECT_EQ(1, observers);
@@ -232,11 +186,11 @@ TEST(HvObservable, ObserverAttachedElsewhereIsFedThroughMultiSourceObserver)
 TEST(HvObservable, ThirdSourceJoinsTheExistingGroup)
 {
     int observables = 0, observers = 0;
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     {
-        HvHandle<CountingObservable> first(new CountingObservable(observables));
-        HvHandle<CountingObservable> second(new CountingObservable(observables));
-        HvHandle<CountingObservable> third(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> first(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> second(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> third(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> client(new CountingObserver(observers));
         first->attachObserver(client);
         second->attachObserver(client);
@@ -253,14 +207,14 @@ TEST(HvObservable, ThirdSourceJoinsTheExistingGroup)
         ASSERT_NE(nullptr, standIn);
         EXPECT_EQ(static_cast<HvObserver*>(multi), standIn->getOwner());
         // One group, one mutex.
-        EXPECT_EQ(mutexesBefore + 1, liveMutexes());
+        EXPECT_EQ(mutexesBefore + 1, hvtest::liveMutexesBeyondPool());
 
         client->detach();
         EXPECT_EQ(0, first->countObservers());
         EXPECT_EQ(0, second->countObservers());
         EXPECT_EQ(0, third->countObservers());
     }
-    EXPECT_EQ(mutexesBefore, liveMutexes());
+    EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
     EXPECT_EQ(3, observables);
     EXPECT_EQ(1, observers);
 }
@@ -269,31 +223,27 @@ TEST(HvObservable, FannedInNotificationsCarryTheRealSender)
 {
     int observables = 0, observers = 0, objects = 0;
     {
-        HvHandle<CountingObservable> first(new CountingObservable(observables));
-        HvHandle<CountingObservable> second(new CountingObservable(observables));
-        HvHandle<CountingObservable> third(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> first(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> second(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> third(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> client(new CountingObserver(observers));
         first->attachObserver(client);
         second->attachObserver(client);
         third->attachObserver(client);
 
-        HvHandle<HvObject> a(new CountingObject(objects));
-        HvHandle<HvObject> b(new CountingObject(objects));
-        HvHandle<HvObject> c(new CountingObject(objects));
+        HvHandle<HvObject> a(new hvtest::CountingObject(objects));
+        HvHandle<HvObject> b(new hvtest::CountingObject(objects));
+        HvHandle<HvObject> c(new hvtest::CountingObject(objects));
         second->notifyObservers(b);
         first->notifyObservers(a);
         third->notifyObservers(c);
         first->notifyObservers(HvHandle<HvObject>());
 
         ASSERT_EQ(4u, client->notes.size());
-        EXPECT_EQ(second.get(), client->notes[0].sender);
-        EXPECT_EQ(b.get(), client->notes[0].object);
-        EXPECT_EQ(first.get(), client->notes[1].sender);
-        EXPECT_EQ(a.get(), client->notes[1].object);
-        EXPECT_EQ(third.get(), client->notes[2].sender);
-        EXPECT_EQ(c.get(), client->notes[2].object);
-        EXPECT_EQ(first.get(), client->notes[3].sender);
-        EXPECT_EQ(nullptr, client->notes[3].object);
+        hvtest::expectNote(client->notes, 0, second.get(), b.get());
+        hvtest::expectNote(client->notes, 1, first.get(), a.get());
+        hvtest::expectNote(client->notes, 2, third.get(), c.get());
+        hvtest::expectNote(client->notes, 3, first.get(), nullptr);
         // Nothing kept a reference to the payload.
         EXPECT_EQ(1, a->getRefCount());
 
@@ -307,27 +257,20 @@ TEST(HvObservable, FannedInNotificationsCarryTheRealSender)
 TEST(HvObservable, FanInToAnObservableThatHasAnObserverIsRefusedWithoutMakingAGroup)
 {
     int observables = 0, observers = 0;
-    const long mutexesBefore = liveMutexes();
+    const long mutexesBefore = hvtest::liveMutexesBeyondPool();
     {
-        HvHandle<CountingObservable> first(new CountingObservable(observables));
-        HvHandle<CountingObservable> busy(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> first(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> busy(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> client(new CountingObserver(observers));
         HvHandle<CountingObserver> other(new CountingObserver(observers));
         first->attachObserver(client);
         busy->attachObserver(other);
-        bool thrown = false;
-        try {
-            busy->attachObserver(client);
-        } catch (HvHandle<HvException>& e) {
-            thrown = true;
-            EXPECT_STREQ(kSingleObserverText, e->getMessage().c_str());
-        }
-        EXPECT_TRUE(thrown);
+        EXPECT_EQ(kSingleObserverText, hvtest::messageOf([&] { busy->attachObserver(client); }));
         EXPECT_TRUE(client->getSource() == first);
         EXPECT_TRUE(first->getObserver() == client);
         EXPECT_TRUE(busy->getObserver() == other);
         EXPECT_TRUE(other->getSource() == busy);
-        EXPECT_EQ(mutexesBefore, liveMutexes());
+        EXPECT_EQ(mutexesBefore, hvtest::liveMutexesBeyondPool());
 
         first->detachObserver(client);
         busy->detachObserver(other);
@@ -352,7 +295,7 @@ TEST(HvObservable, DestroyingAttachedObservableSendsExactlyOneDisconnecting)
     {
         // A member or stack observable is destroyed by its owner, not by a
         // handle: its only reference is the observer's link back to it.
-        CountingObservable source(observables);
+        hvtest::CountingObservable source(observables);
         address = &source;
         source.attachObserver(observer);
         EXPECT_EQ(1, source.getRefCount());
@@ -391,10 +334,7 @@ TEST(HvObservable, DisconnectingCarriesAPlainHvException)
     ASSERT_NE(nullptr, e);
     EXPECT_TRUE(typeid(*e) == typeid(HvException));
     EXPECT_STREQ("Disconnecting", e->getMessage().c_str());
-    HvByteArrayOutputStream out(0);
-    e->display(out);
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    EXPECT_EQ("Disconnecting", std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize()));
+    EXPECT_EQ("Disconnecting", hvtest::displayOf(*e));
     EXPECT_EQ(1, keeper->kept->getRefCount());
 }
 
@@ -402,7 +342,7 @@ TEST(HvObservable, ObserverHeldOnlyByDestroyedObservableIsDestroyedOnce)
 {
     int observables = 0, observers = 0;
     {
-        CountingObservable source(observables);
+        hvtest::CountingObservable source(observables);
         source.attachObserver(HvHandle<HvObserver>(new CountingObserver(observers)));
         const HvObserver* observer = source.getObserver().get();
         EXPECT_EQ(1, observer->getRefCount());
@@ -417,7 +357,7 @@ TEST(HvObservable, DestroyingObservableWithoutObserverSendsNothing)
     int observables = 0, observers = 0;
     HvHandle<CountingObserver> observer(new CountingObserver(observers));
     {
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
         source->attachObserver(observer);
         source->detachObserver(observer);
     }
@@ -428,11 +368,11 @@ TEST(HvObservable, DestroyingObservableWithoutObserverSendsNothing)
 TEST(HvObservable, DestroyedRelayTellsItsObserverAndLeavesItsOwnSource)
 {
     int observables = 0, observers = 0;
-    HvHandle<CountingObservable> bottom(new CountingObservable(observables));
+    HvHandle<hvtest::CountingObservable> bottom(new hvtest::CountingObservable(observables));
     HvHandle<CountingObserver> top(new CountingObserver(observers));
     const HvObservable* relayAddress = nullptr;
     {
-        CountingObservable relay(observables);
+        hvtest::CountingObservable relay(observables);
         relayAddress = &relay;
         bottom->attachObserver(HvHandle<HvObserver>(&relay));
         relay.attachObserver(top);
@@ -447,7 +387,7 @@ TEST(HvObservable, DestroyedRelayTellsItsObserverAndLeavesItsOwnSource)
     EXPECT_EQ(0, bottom->countObservers());
     EXPECT_EQ(1, bottom->getRefCount());
     // The bottom source was not told anything (it has no observer).
-    bottom = HvHandle<CountingObservable>();
+    bottom = HvHandle<hvtest::CountingObservable>();
     EXPECT_EQ(2, observables);
 }
 
@@ -458,7 +398,7 @@ TEST(HvObservable, ExceptionFromDisconnectingIsLoggedNotThrownFromDestructor)
     HvHandle<CountingObserver> observer(new CountingObserver(observers));
     observer->throwText = "refused";
     EXPECT_NO_THROW({
-        CountingObservable source(observables);
+        hvtest::CountingObservable source(observables);
         source.attachObserver(observer);
     });
     EXPECT_EQ(1, observables);
@@ -472,7 +412,7 @@ TEST(HvObservable, LinkedPairKeepsEachOtherAliveUntilDetached)
     int observables = 0, observers = 0;
     HvHandle<CountingObserver> observer(new CountingObserver(observers));
     {
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
         source->attachObserver(observer);
     }
     // The observer's link is a counted handle: the source lives on.
@@ -496,13 +436,12 @@ TEST(HvObservable, BlockWithoutSourceReturnsTrueAndSendsOneNilTick)
 {
     int observables = 0, observers = 0;
     {
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> observer(new CountingObserver(observers));
         source->attachObserver(observer);
         EXPECT_TRUE(source->block());
         ASSERT_EQ(1u, observer->notes.size());
-        EXPECT_EQ(source.get(), observer->notes[0].sender);
-        EXPECT_EQ(nullptr, observer->notes[0].object);
+        hvtest::expectNote(observer->notes, 0, source.get(), nullptr);
         source->detachObserver(observer);
     }
     EXPECT_EQ(1, observables);
@@ -522,7 +461,7 @@ TEST(HvObservable, BlockWalksDownToBottomSourceAndEveryLevelTicksOnTheWayBack)
         int observables = 0, observers = 0;
         {
             HvHandle<BottomSource> bottom(new BottomSource(observables, bottomResult));
-            HvHandle<CountingObservable> middle(new CountingObservable(observables));
+            HvHandle<hvtest::CountingObservable> middle(new hvtest::CountingObservable(observables));
             HvHandle<RecordingRelay> upper(new RecordingRelay(observables));
             HvHandle<CountingObserver> top(new CountingObserver(observers));
             bottom->attachObserver(middle);
@@ -533,8 +472,7 @@ TEST(HvObservable, BlockWalksDownToBottomSourceAndEveryLevelTicksOnTheWayBack)
             EXPECT_EQ(1, bottom->blockCalls);
             // The middle level ticked the upper one...
             ASSERT_EQ(1u, upper->notes.size());
-            EXPECT_EQ(middle.get(), upper->notes[0].sender);
-            EXPECT_EQ(nullptr, upper->notes[0].object);
+            hvtest::expectNote(upper->notes, 0, middle.get(), nullptr);
             // ...which relayed that tick and then sent its own.
             ASSERT_EQ(2u, top->notes.size());
             for (const Note& note : top->notes) {
@@ -555,22 +493,20 @@ TEST(HvObservable, RelayNotifiesItsObserverWithItselfAsSenderAndSameObject)
 {
     int observables = 0, observers = 0, objects = 0;
     {
-        HvHandle<CountingObservable> relay(new CountingObservable(observables));
-        HvHandle<CountingObservable> elsewhere(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> relay(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> elsewhere(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> observer(new CountingObserver(observers));
         relay->attachObserver(observer);
-        HvHandle<HvObject> payload(new CountingObject(objects));
+        HvHandle<HvObject> payload(new hvtest::CountingObject(objects));
 
         relay->onNotification(elsewhere, payload);
         ASSERT_EQ(1u, observer->notes.size());
-        EXPECT_EQ(relay.get(), observer->notes[0].sender);
-        EXPECT_EQ(payload.get(), observer->notes[0].object);
+        hvtest::expectNote(observer->notes, 0, relay.get(), payload.get());
 
         // A nil sender is passed over in the same way.
         relay->onNotification(HvHandle<HvObservable>(), payload);
         ASSERT_EQ(2u, observer->notes.size());
-        EXPECT_EQ(relay.get(), observer->notes[1].sender);
-        EXPECT_EQ(payload.get(), observer->notes[1].object);
+        hvtest::expectNote(observer->notes, 1, relay.get(), payload.get());
         EXPECT_EQ(1, payload->getRefCount());
         EXPECT_EQ(1, elsewhere->getRefCount());
 
@@ -585,17 +521,16 @@ TEST(HvObservable, NotificationFromBelowReachesTopWithTheRelayAsSender)
 {
     int observables = 0, observers = 0, objects = 0;
     {
-        HvHandle<CountingObservable> bottom(new CountingObservable(observables));
-        HvHandle<CountingObservable> relay(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> bottom(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> relay(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> top(new CountingObserver(observers));
         bottom->attachObserver(relay);
         relay->attachObserver(top);
-        HvHandle<HvObject> payload(new CountingObject(objects));
+        HvHandle<HvObject> payload(new hvtest::CountingObject(objects));
 
         bottom->notifyObservers(payload);
         ASSERT_EQ(1u, top->notes.size());
-        EXPECT_EQ(relay.get(), top->notes[0].sender);
-        EXPECT_EQ(payload.get(), top->notes[0].object);
+        hvtest::expectNote(top->notes, 0, relay.get(), payload.get());
 
         relay->detachObserver(top);
         bottom->detachObserver(relay);
@@ -609,8 +544,8 @@ TEST(HvObservable, DetachObserverWithStrangerIsIgnored)
 {
     int observables = 0, observers = 0;
     {
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
-        HvHandle<CountingObservable> otherSource(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> otherSource(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> attached(new CountingObserver(observers));
         HvHandle<CountingObserver> stranger(new CountingObserver(observers));
         source->attachObserver(attached);
@@ -644,7 +579,7 @@ TEST(HvObservable, NotifyObserversWithoutObserverIsANoOp)
 {
     int objects = 0;
     HvHandle<HvObservable> source(new HvObservable);
-    HvHandle<HvObject> payload(new CountingObject(objects));
+    HvHandle<HvObject> payload(new hvtest::CountingObject(objects));
     EXPECT_NO_THROW(source->notifyObservers(payload));
     EXPECT_NO_THROW(source->notifyObservers(HvHandle<HvObject>()));
     EXPECT_EQ(1, payload->getRefCount());
@@ -656,19 +591,12 @@ TEST(HvObservable, ExceptionFromObserverPropagatesToNotifier)
 {
     int observables = 0, observers = 0;
     {
-        HvHandle<CountingObservable> source(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> observer(new CountingObserver(observers));
         source->attachObserver(observer);
         observer->throwText = "observer failed";
 
-        bool thrown = false;
-        try {
-            source->notifyObservers(HvHandle<HvObject>());
-        } catch (HvHandle<HvException>& e) {
-            thrown = true;
-            EXPECT_STREQ("observer failed", e->getMessage().c_str());
-        }
-        EXPECT_TRUE(thrown);
+        EXPECT_EQ("observer failed", hvtest::messageOf([&] { source->notifyObservers(HvHandle<HvObject>()); }));
         // The link survives and no reference leaked on either end.
         EXPECT_TRUE(source->getObserver() == observer);
         EXPECT_EQ(2, source->getRefCount());
@@ -685,30 +613,16 @@ TEST(HvObservable, ExceptionFromObserverPropagatesThroughBlockAndRelay)
     int observables = 0, observers = 0;
     {
         HvHandle<BottomSource> bottom(new BottomSource(observables, true));
-        HvHandle<CountingObservable> relay(new CountingObservable(observables));
+        HvHandle<hvtest::CountingObservable> relay(new hvtest::CountingObservable(observables));
         HvHandle<CountingObserver> top(new CountingObserver(observers));
         bottom->attachObserver(relay);
         relay->attachObserver(top);
         top->throwText = "top failed";
 
-        bool fromBlock = false;
-        try {
-            relay->block();
-        } catch (HvHandle<HvException>& e) {
-            fromBlock = true;
-            EXPECT_STREQ("top failed", e->getMessage().c_str());
-        }
-        EXPECT_TRUE(fromBlock);
+        EXPECT_EQ("top failed", hvtest::messageOf([&] { relay->block(); }));
         EXPECT_EQ(1, bottom->blockCalls);
 
-        bool fromRelay = false;
-        try {
-            bottom->notifyObservers(HvHandle<HvObject>());
-        } catch (HvHandle<HvException>& e) {
-            fromRelay = true;
-            EXPECT_STREQ("top failed", e->getMessage().c_str());
-        }
-        EXPECT_TRUE(fromRelay);
+        EXPECT_EQ("top failed", hvtest::messageOf([&] { bottom->notifyObservers(HvHandle<HvObject>()); }));
         EXPECT_EQ(2u, top->notes.size());
         EXPECT_EQ(3, relay->getRefCount());
 
@@ -722,7 +636,7 @@ TEST(HvObservable, ExceptionFromObserverPropagatesThroughBlockAndRelay)
 TEST(HvObservable, ObserverThatDetachesWhileNotifiedOutlivesTheCall)
 {
     int observables = 0, observers = 0;
-    HvHandle<CountingObservable> source(new CountingObservable(observables));
+    HvHandle<hvtest::CountingObservable> source(new hvtest::CountingObservable(observables));
     {
         HvHandle<CountingObserver> observer(new CountingObserver(observers));
         observer->detachWhenTold = true;
@@ -734,16 +648,16 @@ TEST(HvObservable, ObserverThatDetachesWhileNotifiedOutlivesTheCall)
     EXPECT_EQ(0, source->countObservers());
     EXPECT_EQ(1, observers);
     EXPECT_EQ(1, source->getRefCount());
-    source = HvHandle<CountingObservable>();
+    source = HvHandle<hvtest::CountingObservable>();
     EXPECT_EQ(1, observables);
 }
 
 TEST(HvObservable, DisplayShowsCountAndClassName)
 {
     HvHandle<HvObservable> source(new HvObservable);
-    EXPECT_EQ("1\tHvObservable", displayed(*source));
+    EXPECT_EQ("1\tHvObservable", hvtest::displayOf(*source, false));
     HvHandle<HvObserver> observer(new HvObserver);
     source->attachObserver(observer);
-    EXPECT_EQ("2\tHvObservable", displayed(*source));
+    EXPECT_EQ("2\tHvObservable", hvtest::displayOf(*source, false));
     source->detachObserver(observer);
 }

@@ -1,8 +1,9 @@
 #include <HvUtil/HvObserver.h>
 
-#include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvObservable.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -11,29 +12,10 @@
 
 namespace {
 
-class CountingObserver : public HvObserver {
-public:
-    explicit CountingObserver(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObserver() override { ++m_destroyed; }
-
-    void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override
-    {
-        senders.push_back(source.get());
-        objects.push_back(object.get());
-    }
-
-    std::vector<const HvObservable*> senders;
-    std::vector<const HvObject*> objects;
-
-private:
-    int& m_destroyed;
-};
-
 // Records every detachObserver request before doing the usual work.
-class RecordingObservable : public HvObservable {
+class RecordingObservable : public hvtest::CountingObservable {
 public:
-    explicit RecordingObservable(int& destroyed) : m_destroyed(destroyed) {}
-    ~RecordingObservable() override { ++m_destroyed; }
+    explicit RecordingObservable(int& destroyed) : hvtest::CountingObservable(destroyed) {}
 
     void detachObserver(HvHandle<HvObserver> observer) override
     {
@@ -42,27 +24,7 @@ public:
     }
 
     std::vector<const HvObserver*> detachRequests;
-
-private:
-    int& m_destroyed;
 };
-
-class CountingObject : public HvObject {
-public:
-    explicit CountingObject(int& destroyed) : m_destroyed(destroyed) {}
-    ~CountingObject() override { ++m_destroyed; }
-
-private:
-    int& m_destroyed;
-};
-
-std::string displayed(const HvObject& object)
-{
-    HvByteArrayOutputStream out(0);
-    object.display(out, false);
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
 
 } // namespace
 
@@ -78,7 +40,7 @@ TEST(HvObserver, BaseOnNotificationDoesNothing)
     int objects = 0;
     HvHandle<HvObservable> source(new HvObservable);
     HvHandle<HvObserver> observer(new HvObserver);
-    HvHandle<HvObject> payload(new CountingObject(objects));
+    HvHandle<HvObject> payload(new hvtest::CountingObject(objects));
     source->attachObserver(observer);
 
     EXPECT_NO_THROW(source->notifyObservers(payload));
@@ -94,7 +56,7 @@ TEST(HvObserver, DetachWithoutSourceDoesNothing)
 {
     int observers = 0;
     {
-        HvHandle<CountingObserver> observer(new CountingObserver(observers));
+        HvHandle<hvtest::CountingObserver> observer(new hvtest::CountingObserver(observers));
         EXPECT_NO_THROW(observer->detach());
         EXPECT_TRUE(observer->getSource().isNull());
         EXPECT_EQ(1, observer->getRefCount());
@@ -107,7 +69,7 @@ TEST(HvObserver, DetachAsksTheSourceToDetachThisObserver)
     int observables = 0, observers = 0;
     {
         HvHandle<RecordingObservable> source(new RecordingObservable(observables));
-        HvHandle<CountingObserver> observer(new CountingObserver(observers));
+        HvHandle<hvtest::CountingObserver> observer(new hvtest::CountingObserver(observers));
         source->attachObserver(observer);
         EXPECT_TRUE(observer->getSource() == source);
 
@@ -135,7 +97,7 @@ TEST(HvObserver, DestroyingAnAttachedObserverDetachesItFromItsSource)
     {
         // Destroyed by its owner at the end of the scope; the source's link is
         // its only reference then.
-        CountingObserver observer(observers);
+        hvtest::CountingObserver observer(observers);
         address = &observer;
         source->attachObserver(HvHandle<HvObserver>(&observer));
         EXPECT_EQ(1, source->countObservers());
@@ -154,7 +116,7 @@ TEST(HvObserver, DestroyedObserverDropsTheLastReferenceOfItsSource)
 {
     int observables = 0, observers = 0;
     {
-        CountingObserver observer(observers);
+        hvtest::CountingObserver observer(observers);
         {
             HvHandle<RecordingObservable> source(new RecordingObservable(observables));
             source->attachObserver(HvHandle<HvObserver>(&observer));
@@ -175,7 +137,7 @@ TEST(HvObserver, SourceIsClearedWhenTheSourceDetachesIt)
     int observables = 0, observers = 0;
     {
         HvHandle<RecordingObservable> source(new RecordingObservable(observables));
-        HvHandle<CountingObserver> observer(new CountingObserver(observers));
+        HvHandle<hvtest::CountingObserver> observer(new hvtest::CountingObserver(observers));
         source->attachObserver(observer);
         source->detachObserver(observer);
         EXPECT_TRUE(observer->getSource().isNull());
@@ -190,13 +152,12 @@ TEST(HvObserver, ReceivesSenderAndObjectFromItsSource)
     int observables = 0, observers = 0, objects = 0;
     {
         HvHandle<RecordingObservable> source(new RecordingObservable(observables));
-        HvHandle<CountingObserver> observer(new CountingObserver(observers));
-        HvHandle<HvObject> payload(new CountingObject(objects));
+        HvHandle<hvtest::CountingObserver> observer(new hvtest::CountingObserver(observers));
+        HvHandle<HvObject> payload(new hvtest::CountingObject(objects));
         source->attachObserver(observer);
         source->notifyObservers(payload);
-        ASSERT_EQ(1u, observer->senders.size());
-        EXPECT_EQ(source.get(), observer->senders[0]);
-        EXPECT_EQ(payload.get(), observer->objects[0]);
+        ASSERT_EQ(1u, observer->notes.size());
+        hvtest::expectNote(observer->notes, 0, source.get(), payload.get());
         observer->detach();
     }
     EXPECT_EQ(1, observables);
@@ -207,5 +168,5 @@ TEST(HvObserver, ReceivesSenderAndObjectFromItsSource)
 TEST(HvObserver, DisplayShowsCountAndClassName)
 {
     HvHandle<HvObserver> observer(new HvObserver);
-    EXPECT_EQ("1\tHvObserver", displayed(*observer));
+    EXPECT_EQ("1\tHvObserver", hvtest::displayOf(*observer, false));
 }

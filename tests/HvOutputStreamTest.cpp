@@ -4,6 +4,8 @@
 #include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvString.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -15,12 +17,6 @@
 #include <vector>
 
 namespace {
-
-std::string bytesOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> array = out.toByteArray();
-    return std::string(reinterpret_cast<const char*>(array->getData()), array->getSize());
-}
 
 // Records every value given to write(int); keeps the default block write and flush.
 class RecordingOutputStream : public HvOutputStream {
@@ -77,7 +73,16 @@ std::string printed(T value)
 {
     HvByteArrayOutputStream out(0);
     out << value;
-    return bytesOf(out);
+    return hvtest::textOf(out);
+}
+
+// What write(array, offset, length) writes for an array holding "hello".
+std::string writtenFromHello(unsigned int offset, unsigned int length)
+{
+    HvHandle<HvByteArray> array = HvByteArray::sCreate("hello");
+    HvByteArrayOutputStream out(0);
+    out.write(array.get(), offset, length);
+    return hvtest::textOf(out);
 }
 
 std::string printfOf(const char* format, double value)
@@ -141,34 +146,19 @@ TEST(HvOutputStream, DefaultFlushWritesNothing)
 
 TEST(HvOutputStream, WriteByteArrayWithLengthZeroWritesToTheEnd)
 {
-    HvHandle<HvByteArray> array = HvByteArray::sCreate("hello");
-    HvByteArrayOutputStream out(0);
-    out.write(array.get(), 0, 0);
-    EXPECT_EQ("hello", bytesOf(out));
-
-    HvByteArrayOutputStream tail(0);
-    tail.write(array.get(), 2, 0);
-    EXPECT_EQ("llo", bytesOf(tail));
+    EXPECT_EQ("hello", writtenFromHello(0, 0));
+    EXPECT_EQ("llo", writtenFromHello(2, 0));
 }
 
 TEST(HvOutputStream, WriteByteArrayWritesTheGivenWindow)
 {
-    HvHandle<HvByteArray> array = HvByteArray::sCreate("hello");
-    HvByteArrayOutputStream out(0);
-    out.write(array.get(), 1, 3);
-    EXPECT_EQ("ell", bytesOf(out));
+    EXPECT_EQ("ell", writtenFromHello(1, 3));
 }
 
 TEST(HvOutputStream, WriteByteArrayWithLengthBeyondTheEndWritesToTheEnd)
 {
-    HvHandle<HvByteArray> array = HvByteArray::sCreate("hello");
-    HvByteArrayOutputStream justOver(0);
-    justOver.write(array.get(), 2, 4);
-    EXPECT_EQ("llo", bytesOf(justOver));
-
-    HvByteArrayOutputStream farOver(0);
-    farOver.write(array.get(), 2, 100);
-    EXPECT_EQ("llo", bytesOf(farOver));
+    EXPECT_EQ("llo", writtenFromHello(2, 4));
+    EXPECT_EQ("llo", writtenFromHello(2, 100));
 }
 
 TEST(HvOutputStream, WriteByteArrayGoesThroughTheBlockWrite)
@@ -346,7 +336,7 @@ TEST(HvOutputStream, ChainedOutputIsWrittenInOrder)
     HvByteArrayOutputStream out(0);
     out << "a=" << 1 << ", b=" << 2.5 << ", p=" << reinterpret_cast<const void*>(std::uintptr_t{0xff})
         << static_cast<unsigned char>('!');
-    EXPECT_EQ("a=1, b=2.500000, p=000000FF!", bytesOf(out));
+    EXPECT_EQ("a=1, b=2.500000, p=000000FF!", hvtest::textOf(out));
 }
 
 // ---- manipulators ----
@@ -368,7 +358,7 @@ TEST(HvOutputStream, EndlCalledDirectlyWritesLineFeedThenFlushes)
 
     HvByteArrayOutputStream bytes(0);
     bytes << "line" << endl;
-    EXPECT_EQ("line\n", bytesOf(bytes));
+    EXPECT_EQ("line\n", hvtest::textOf(bytes));
 }
 
 TEST(HvOutputStream, FlushManipulatorOnlyFlushes)
@@ -386,7 +376,7 @@ TEST(HvOutputStream, StreamsNilObjectAsNilHvObject)
 {
     HvByteArrayOutputStream out(0);
     out << static_cast<const HvObject*>(nullptr);
-    EXPECT_EQ("Nil HvObject", bytesOf(out));
+    EXPECT_EQ("Nil HvObject", hvtest::textOf(out));
 }
 
 TEST(HvOutputStream, StreamsObjectWithCountAddressAndClassName)
@@ -397,14 +387,14 @@ TEST(HvOutputStream, StreamsObjectWithCountAddressAndClassName)
 
     char address[64];
     std::snprintf(address, sizeof(address), "%08lX", reinterpret_cast<unsigned long>(array.get()));
-    EXPECT_EQ(std::string("1 \t(") + address + ")\tHvByteArray", bytesOf(out));
+    EXPECT_EQ(std::string("1 \t(") + address + ")\tHvByteArray", hvtest::textOf(out));
 }
 
 TEST(HvOutputStream, StreamsStringText)
 {
     HvByteArrayOutputStream out(0);
     out << HvString("sip:") << HvString() << HvString("alice");
-    EXPECT_EQ("sip:alice", bytesOf(out));
+    EXPECT_EQ("sip:alice", hvtest::textOf(out));
 }
 
 // ---- process default ----

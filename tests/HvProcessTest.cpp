@@ -4,12 +4,13 @@
 #include <HvUtil/HvTokenTable.h>
 
 #include <Velmora/Net.h>
-#include <Velmora/Assertion.h>
 #include <Velmora/LogCapture.h>
 #include <Velmora/MemAllocator.h>
 #include <Velmora/Singleton.h>
 
 #include <ace/Object_Manager.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -23,34 +24,7 @@
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-struct AssertionRecord {
-    std::string text;
-    std::string file;
-    int line;
-};
-std::vector<AssertionRecord> fs_assertions;
-void recordAssertion(const char* text, const char* file, int line)
-{
-    fs_assertions.push_back(AssertionRecord{text ? text : "", file ? file : "", line});
-}
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 } // namespace
 
@@ -94,23 +68,22 @@ TEST(HvProcess, SecondProcessObjectIsRefused)
 {
     HvProcess* process = HvProcess::sGetCurrent();
     long liveBefore = Velmora::allocationStats("HvProcess").liveCount;
-    fs_assertions.clear();
-    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&recordAssertion);
-    try {
-        new HvProcess;
-        FAIL() << "a second HvProcess must be refused";
-    } catch (HvHandle<HvException>& e) {
-        EXPECT_STREQ("There can only be one HvProcess object", e->getMessage().c_str());
-        HvAssertionFailure* failure = dynamic_cast<HvAssertionFailure*>(e.get());
-        ASSERT_NE(nullptr, failure);
-        EXPECT_STREQ("HvProcess", failure->getFile());
-        EXPECT_EQ(46u, failure->getLine());
+    {
+        hvtest::AssertionScope recorder;
+        try {
+            new HvProcess;
+            FAIL() << "a second HvProcess must be refused";
+        } catch (HvHandle<HvException>& e) {
+            EXPECT_STREQ("There can only be one HvProcess object", e->getMessage().c_str());
+            HvAssertionFailure* failure = dynamic_cast<HvAssertionFailure*>(e.get());
+            ASSERT_NE(nullptr, failure);
+            EXPECT_STREQ("HvProcess", failure->getFile());
+            EXPECT_EQ(46u, failure->getLine());
+        }
     }
-    Velmora::Assertion::sSetHandler(previous);
-    ASSERT_EQ(1u, fs_assertions.size());
-    EXPECT_EQ("There can only be one HvProcess object", fs_assertions[0].text);
-    EXPECT_EQ("HvProcess", fs_assertions[0].file);
-    EXPECT_EQ(46, fs_assertions[0].line);
+    std::vector<hvtest::AssertionRecord> assertions = hvtest::recordedAssertions();
+    ASSERT_EQ(1u, assertions.size());
+    hvtest::expectAssertion(assertions[0], "There can only be one HvProcess object", "HvProcess", 46);
     // The refused object's storage went back; the instance is unchanged.
     EXPECT_EQ(liveBefore, Velmora::allocationStats("HvProcess").liveCount);
     EXPECT_EQ(process, HvProcess::sm_pTheOneAndOnly.load());
@@ -130,7 +103,7 @@ TEST(HvProcess, RunSleepsUntilTheFirstSignal)
     std::atomic<int> netCountWhileBlocked{-1};
     const int netCountBefore = Velmora::Net::getInitializationCount();
     std::thread waker([&] {
-        waitUntil([&] { return process->getState() == HvThread::BLOCKED; });
+        hvtest::waitUntil([&] { return process->getState() == HvThread::BLOCKED; });
         netCountWhileBlocked = Velmora::Net::getInitializationCount();
         signalled = true;
         process->signal();

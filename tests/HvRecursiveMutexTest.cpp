@@ -3,43 +3,19 @@
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvSystemError.h>
 
-#include <Velmora/MemAllocator.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <pthread.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <thread>
-#include <vector>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-template <class Condition>
-bool waitFor(Condition condition, std::chrono::milliseconds limit = std::chrono::milliseconds(5000))
-{
-    Clock::time_point deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-// How long a waiter is given to (wrongly) get through a held lock.
-const std::chrono::milliseconds kHoldWindow(50);
-
 const char kNotOwner[] = "unlockI - not owner or not locked";
-
-long liveRecursiveMutexes()
-{
-    return Velmora::allocationStats("HvRecursiveMutex").liveCount;
-}
 
 // A misused mutex keeps its guard locked for good, so it can be neither used
 // nor destroyed cleanly again. Such mutexes are made on the heap and parked
@@ -66,13 +42,13 @@ TEST(HvRecursiveMutex, NewMutexIsFree)
 
 TEST(HvRecursiveMutex, HeapAllocationIsTaggedAndGivenBack)
 {
-    long before = liveRecursiveMutexes();
+    long before = hvtest::liveCount("HvRecursiveMutex");
     HvRecursiveMutex* mutex = new HvRecursiveMutex;
-    EXPECT_EQ(liveRecursiveMutexes(), before + 1);
+    EXPECT_EQ(hvtest::liveCount("HvRecursiveMutex"), before + 1);
     mutex->lock();
     mutex->unlock();
     delete mutex;
-    EXPECT_EQ(liveRecursiveMutexes(), before);
+    EXPECT_EQ(hvtest::liveCount("HvRecursiveMutex"), before);
 }
 
 TEST(HvRecursiveMutex, OwnerRelocksWithoutBlocking)
@@ -109,20 +85,20 @@ TEST(HvRecursiveMutex, LockThreeTimesNeedsThreeUnlocksBeforeOtherThreadGetsIt)
         acquired = true;
         mutex.unlock();
     });
-    EXPECT_TRUE(waitFor([&] { return started.load(); }));
+    EXPECT_TRUE(hvtest::waitUntil([&] { return started.load(); }));
 
-    std::this_thread::sleep_for(kHoldWindow);
+    std::this_thread::sleep_for(hvtest::kHoldWindow);
     EXPECT_FALSE(acquired.load()) << "acquired at depth 3";
     mutex.unlock();
-    std::this_thread::sleep_for(kHoldWindow);
+    std::this_thread::sleep_for(hvtest::kHoldWindow);
     EXPECT_FALSE(acquired.load()) << "acquired at depth 2";
     mutex.unlock();
-    std::this_thread::sleep_for(kHoldWindow);
+    std::this_thread::sleep_for(hvtest::kHoldWindow);
     EXPECT_FALSE(acquired.load()) << "acquired at depth 1";
     EXPECT_EQ(mutex.getDepth(), 1);
 
     mutex.unlock();
-    EXPECT_TRUE(waitFor([&] { return acquired.load(); }));
+    EXPECT_TRUE(hvtest::waitUntil([&] { return acquired.load(); }));
     other.join();
     EXPECT_EQ(otherDepth, 1);
     EXPECT_FALSE(pthread_equal(otherOwner, pthread_self()));
@@ -148,14 +124,14 @@ TEST(HvRecursiveMutex, LockThreeThenOneUnlockLeavesDepthTwoSameOwner)
         acquired = true;
         mutex.unlock();
     });
-    EXPECT_TRUE(waitFor([&] { return started.load(); }));
-    std::this_thread::sleep_for(kHoldWindow);
+    EXPECT_TRUE(hvtest::waitUntil([&] { return started.load(); }));
+    std::this_thread::sleep_for(hvtest::kHoldWindow);
     EXPECT_FALSE(acquired.load());
     mutex.unlock();
-    std::this_thread::sleep_for(kHoldWindow);
+    std::this_thread::sleep_for(hvtest::kHoldWindow);
     EXPECT_FALSE(acquired.load());
     mutex.unlock();
-    EXPECT_TRUE(waitFor([&] { return acquired.load(); }));
+    EXPECT_TRUE(hvtest::waitUntil([&] { return acquired.load(); }));
     other.join();
     EXPECT_EQ(mutex.getDepth(), 0);
 }
@@ -177,23 +153,10 @@ TEST(HvRecursiveMutex, UnlockByForeignThreadThrowsAndLeavesStateAlone)
     HvRecursiveMutex* mutex = newAbandonedMutex();
     mutex->lock();
 
-    bool thrown = false;
-    bool isSystemError = false;
-    std::string message;
-    std::thread intruder([&] {
-        try {
-            mutex->unlock();
-        } catch (HvHandle<HvException>& e) {
-            thrown = true;
-            isSystemError = dynamic_cast<HvSystemError*>(e.get()) != nullptr;
-            message = e->getMessage().c_str();
-        }
-    });
-    intruder.join();
-
-    EXPECT_TRUE(thrown);
-    EXPECT_TRUE(isSystemError);
-    EXPECT_STREQ(message.c_str(), kNotOwner);
+    HvHandle<HvException> e = hvtest::thrownOnOtherThread([&] { mutex->unlock(); });
+    ASSERT_FALSE(e.isNull()) << "unlock() by a foreign thread did not throw";
+    EXPECT_NE(dynamic_cast<HvSystemError*>(e.get()), nullptr);
+    EXPECT_STREQ(e->getMessage().c_str(), kNotOwner);
     EXPECT_EQ(mutex->getDepth(), 1);
     EXPECT_TRUE(pthread_equal(mutex->getOwner(), pthread_self()));
     // The guard stays locked after the misuse; the mutex is not touched again.
@@ -243,15 +206,15 @@ TEST(HvRecursiveMutex, WaitingThreadTakesOverWithItsOwnDepth)
         depthSeen = mutex.getDepth();
         ownerIsSelf = pthread_equal(mutex.getOwner(), pthread_self());
         acquired = true;
-        waitFor([&] { return release.load(); });
+        hvtest::waitUntil([&] { return release.load(); });
         mutex.unlock();
         mutex.unlock();
     });
-    EXPECT_TRUE(waitFor([&] { return started.load(); }));
-    std::this_thread::sleep_for(kHoldWindow);
+    EXPECT_TRUE(hvtest::waitUntil([&] { return started.load(); }));
+    std::this_thread::sleep_for(hvtest::kHoldWindow);
     EXPECT_FALSE(acquired.load());
     mutex.unlock();
-    EXPECT_TRUE(waitFor([&] { return acquired.load(); }));
+    EXPECT_TRUE(hvtest::waitUntil([&] { return acquired.load(); }));
     release = true;
     other.join();
     EXPECT_EQ(depthSeen, 2);
@@ -264,28 +227,17 @@ TEST(HvRecursiveMutex, ProtectsCounterAcrossThreadsWithNestedLocking)
     HvRecursiveMutex mutex;
     const int kThreads = 4;
     const int kRounds = 5000;
-    long counter = 0;
-    std::atomic<int> inside{0};
-    std::atomic<int> overlaps{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < kRounds; ++i) {
-                mutex.lock();
-                mutex.lock();
-                if (inside.fetch_add(1) != 0)
-                    overlaps.fetch_add(1);
-                ++counter;
-                inside.fetch_sub(1);
-                mutex.unlock();
-                mutex.unlock();
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
-    EXPECT_EQ(overlaps.load(), 0);
+    auto enterTwice = [&] {
+        mutex.lock();
+        mutex.lock();
+    };
+    auto leaveTwice = [&] {
+        mutex.unlock();
+        mutex.unlock();
+    };
+    hvtest::ExclusionResult result = hvtest::runExclusively(kThreads, kRounds, enterTwice, leaveTwice);
+    EXPECT_EQ(result.counter, static_cast<long>(kThreads) * kRounds);
+    EXPECT_EQ(result.overlaps, 0);
     EXPECT_EQ(mutex.getDepth(), 0);
     EXPECT_EQ(mutex.getOwner(), pthread_t(0));
 }

@@ -6,59 +6,35 @@
 
 #include <Velmora/LogCapture.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <string>
 #include <thread>
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-class LambdaThread : public HvThread {
-public:
-    explicit LambdaThread(std::function<void(LambdaThread&)> body) : m_body(std::move(body)) {}
-    void run() override { m_body(*this); }
-
-private:
-    std::function<void(LambdaThread&)> m_body;
-};
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 } // namespace
 
 TEST(HvShutdownAsync, AsyncShutdownReturnsWhileThreadsStillRun)
 {
     std::atomic<bool> release{false};
-    HvHandle<LambdaThread> stubborn(new LambdaThread([&](LambdaThread&) {
+    HvHandle<hvtest::LambdaThread> stubborn(new hvtest::LambdaThread([&](hvtest::LambdaThread&) {
         while (!release.load())
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }));
-    HvHandle<LambdaThread> obedient(new LambdaThread([](LambdaThread& self) {
+    HvHandle<hvtest::LambdaThread> obedient(new hvtest::LambdaThread([](hvtest::LambdaThread& self) {
         while (self.getState() != HvThread::EXITING)
             self.wait(HvThread::kNoTimeout);
     }));
     stubborn->fork();
     obedient->fork();
-    ASSERT_TRUE(waitUntil([&] { return HvThread::sGetThreadCount() == 2; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return HvThread::sGetThreadCount() == 2; }));
 
     Velmora::LogCapture capture("ferrowind.hv.HvThread");
     HvThread::sAsyncShutdown();
@@ -69,12 +45,12 @@ TEST(HvShutdownAsync, AsyncShutdownReturnsWhileThreadsStillRun)
     EXPECT_EQ(HvThread::EXITING, stubborn->getState());
     // The stubborn thread cannot have left: the shutdown is not complete.
     EXPECT_FALSE(HvThread::sIsShutdownCompleted());
-    ASSERT_TRUE(waitUntil([&] { return HvThread::sGetThreadCount() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return HvThread::sGetThreadCount() == 1; }));
     EXPECT_EQ(HvThread::DETACHED, obedient->getState());
 
     // Rounds of 100 ms while the stubborn thread keeps going.
     std::thread releaser([&] {
-        waitUntil([&] { return capture.contains("Waiting 100ms for HvProcess. Thread table size = 1"); });
+        hvtest::waitUntil([&] { return capture.contains("Waiting 100ms for HvProcess. Thread table size = 1"); });
         std::this_thread::sleep_for(std::chrono::milliseconds(250));
         release = true;
     });

@@ -4,43 +4,19 @@
 
 #include <HvUtil/HvProcess.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-class LambdaThread : public HvThread {
-public:
-    explicit LambdaThread(std::function<void(LambdaThread&)> body) : m_body(std::move(body)) {}
-    void run() override { m_body(*this); }
-
-private:
-    std::function<void(LambdaThread&)> m_body;
-};
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 std::mutex fs_callsMutex;
 std::vector<int> fs_calls;
@@ -94,13 +70,13 @@ TEST(HvShutdownHooks, HooksRunInSlotOrderAfterTheThreadsWereTerminated)
     // Ignores the stop request until the hooks have run, so that they see it
     // still registered and terminated.
     std::atomic<bool> release{false};
-    HvHandle<LambdaThread> thread(new LambdaThread([&](LambdaThread&) {
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread([&](hvtest::LambdaThread&) {
         while (!release.load())
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }));
     fs_pWatched = thread.get();
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return thread->getState() == HvThread::RUNNING; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::RUNNING; }));
 
     HvThread::sAsyncShutdown();
     {

@@ -8,8 +8,9 @@
 #include <HvUtil/HvThread.h>
 #include <HvUtil/HvWorkerThread.h>
 
-#include <Velmora/Assertion.h>
 #include <Velmora/LogCapture.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -20,23 +21,7 @@
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 // Holds its worker until released, then throws; or throws at once.
 class ThrowingObserver : public HvObserver {
@@ -59,17 +44,11 @@ public:
     std::atomic<std::thread::id> m_thread;
 };
 
-std::atomic<int> fs_assertions{0};
-void countAssertion(const char*, const char*, int)
-{
-    fs_assertions.fetch_add(1);
-}
-
 } // namespace
 
 TEST(HvShutdownPool, ShutdownStopsIdleAndBusyWorkersAndThePoolStopsGrowing)
 {
-    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&countAssertion);
+    hvtest::AssertionScope recorder;
     HvHandle<ThrowingObserver> busy(new ThrowingObserver);
     busy->m_hold = true;
     HvThreadPool pool(nullptr, 3);
@@ -80,11 +59,11 @@ TEST(HvShutdownPool, ShutdownStopsIdleAndBusyWorkersAndThePoolStopsGrowing)
     pool.makeAvailable(first);
     pool.makeAvailable(second);
     pool.doObserverNotifications(busy.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return busy->m_held.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return busy->m_held.load(); }));
     EXPECT_EQ(2, pool.getThreadCount());
     EXPECT_EQ(1, pool.getBusyCount());
     EXPECT_EQ(1, pool.getAvailableCount());
-    ASSERT_TRUE(waitUntil([&] { return HvThread::sGetThreadCount() == 2; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return HvThread::sGetThreadCount() == 2; }));
 
     Velmora::LogCapture capture("ferrowind.hv.HvWorkerThread");
     HvThread::sAsyncShutdown();
@@ -101,7 +80,7 @@ TEST(HvShutdownPool, ShutdownStopsIdleAndBusyWorkersAndThePoolStopsGrowing)
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ("Catched a HvException in HvWorkerThread::run(): closed under me", records[0].message);
     EXPECT_EQ(10000, records[0].level);
-    EXPECT_EQ(0, fs_assertions.load());
+    EXPECT_EQ(0u, hvtest::assertionCount());
 
     // Workers that ended are neither counted out nor handed out again, and
     // no new one is made: the caller does the work.
@@ -114,7 +93,6 @@ TEST(HvShutdownPool, ShutdownStopsIdleAndBusyWorkersAndThePoolStopsGrowing)
     EXPECT_EQ(std::this_thread::get_id(), late->m_thread.load());
     pool.makeAvailable(first);
     EXPECT_EQ(0, pool.getAvailableCount());
-    Velmora::Assertion::sSetHandler(previous);
 }
 
 TEST(HvShutdownPool, FailureOfWorkDoneByTheCallerDuringShutdownWritesNothing)

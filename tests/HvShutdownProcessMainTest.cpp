@@ -4,62 +4,38 @@
 
 #include <Velmora/LogCapture.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-class LambdaThread : public HvThread {
-public:
-    explicit LambdaThread(std::function<void(LambdaThread&)> body) : m_body(std::move(body)) {}
-    void run() override { m_body(*this); }
-
-private:
-    std::function<void(LambdaThread&)> m_body;
-};
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 } // namespace
 
 TEST(HvShutdownProcessMain, ProcessMainSleepsUntilSignalledThenShutsEverythingDown)
 {
     HvProcess* process = HvProcess::sGetCurrent();
-    std::vector<HvHandle<LambdaThread>> workers;
+    std::vector<HvHandle<hvtest::LambdaThread>> workers;
     for (int i = 0; i < 4; ++i) {
-        workers.push_back(HvHandle<LambdaThread>(new LambdaThread([](LambdaThread& self) {
+        workers.push_back(HvHandle<hvtest::LambdaThread>(new hvtest::LambdaThread([](hvtest::LambdaThread& self) {
             while (self.getState() != HvThread::EXITING)
                 self.wait(HvThread::kNoTimeout);
         })));
         workers.back()->fork();
     }
-    ASSERT_TRUE(waitUntil([] { return HvThread::sGetThreadCount() == 4; }));
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 4; }));
 
     // One of the program's threads asks the main thread to end.
-    HvHandle<LambdaThread> stopper(new LambdaThread([process](LambdaThread&) {
+    HvHandle<hvtest::LambdaThread> stopper(new hvtest::LambdaThread([process](hvtest::LambdaThread&) {
         while (process->getState() != HvThread::BLOCKED)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         process->signal();

@@ -6,41 +6,17 @@
 #include <HvUtil/HvBaseEvent.h>
 #include <HvUtil/HvThread.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <thread>
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-class LambdaThread : public HvThread {
-public:
-    explicit LambdaThread(std::function<void(LambdaThread&)> body) : m_body(std::move(body)) {}
-    void run() override { m_body(*this); }
-
-private:
-    std::function<void(LambdaThread&)> m_body;
-};
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 std::atomic<int> fs_eventsDeleted{0};
 class CountedEvent : public HvBaseEvent {
@@ -78,7 +54,7 @@ TEST(HvShutdownQueue, BlockedConsumerAndProducerAreReleasedByTheShutdown)
 
     std::atomic<int> consumed{0};
     std::atomic<bool> consumerGotNull{false};
-    HvHandle<LambdaThread> consumer(new LambdaThread([&](LambdaThread& self) {
+    HvHandle<hvtest::LambdaThread> consumer(new hvtest::LambdaThread([&](hvtest::LambdaThread& self) {
         while (self.getState() != HvThread::EXITING) {
             HvBaseEvent* event = input.getItem();
             if (!event) {
@@ -90,7 +66,7 @@ TEST(HvShutdownQueue, BlockedConsumerAndProducerAreReleasedByTheShutdown)
         }
     }));
     std::atomic<bool> producerReturned{false};
-    HvHandle<LambdaThread> producer(new LambdaThread([&](LambdaThread& self) {
+    HvHandle<hvtest::LambdaThread> producer(new hvtest::LambdaThread([&](hvtest::LambdaThread& self) {
         while (self.getState() != HvThread::EXITING)
             output.addItem(new CountedEvent);
         producerReturned = true;
@@ -98,8 +74,8 @@ TEST(HvShutdownQueue, BlockedConsumerAndProducerAreReleasedByTheShutdown)
     consumer->fork();
     producer->fork();
     input.addItem(new CountedEvent);
-    ASSERT_TRUE(waitUntil([&] { return consumed.load() == 1; }));
-    ASSERT_TRUE(waitUntil([&] { return HvThread::sGetThreadCount() == 2; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return consumed.load() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return HvThread::sGetThreadCount() == 2; }));
     // Both are now blocked on a semaphore.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(consumerGotNull.load());

@@ -5,36 +5,18 @@
 
 #include <HvUtil/HvProcess.h>
 
-#include <Velmora/Assertion.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <thread>
 #include <vector>
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-class LambdaThread : public HvThread {
-public:
-    explicit LambdaThread(std::function<void(LambdaThread&)> body) : m_body(std::move(body)) {}
-    void run() override { m_body(*this); }
-
-private:
-    std::function<void(LambdaThread&)> m_body;
-};
-
-void ignoreAssertion(const char*, const char*, int)
-{
-}
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 } // namespace
 
@@ -42,7 +24,7 @@ TEST(HvShutdownRace, ThreadsStartedDuringTheShutdownAllEnd)
 {
     // Threads made after the flag is set raise the construction assertion;
     // here that is expected and not the subject.
-    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&ignoreAssertion);
+    hvtest::AssertionScope quiet(&hvtest::ignoreAssertion);
     HvProcess::sGetCurrent();
     std::atomic<bool> stop{false};
     std::atomic<int> forked{0};
@@ -50,7 +32,7 @@ TEST(HvShutdownRace, ThreadsStartedDuringTheShutdownAllEnd)
     for (int s = 0; s < 2; ++s) {
         starters.emplace_back([&] {
             while (!stop.load()) {
-                HvHandle<LambdaThread> thread(new LambdaThread([](LambdaThread& self) {
+                HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread([](hvtest::LambdaThread& self) {
                     while (self.getState() != HvThread::EXITING)
                         self.wait(HvThread::kNoTimeout);
                 }));
@@ -74,5 +56,4 @@ TEST(HvShutdownRace, ThreadsStartedDuringTheShutdownAllEnd)
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_EQ(0u, HvThread::sGetThreadCount());
     EXPECT_TRUE(HvThread::sIsShutdownCompleted());
-    Velmora::Assertion::sSetHandler(previous);
 }

@@ -8,89 +8,48 @@
 #include <Velmora/Assertion.h>
 #include <Velmora/LogCapture.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-class LambdaThread : public HvThread {
-public:
-    explicit LambdaThread(std::function<void(LambdaThread&)> body) : m_body(std::move(body)) {}
-    void run() override { m_body(*this); }
-
-private:
-    std::function<void(LambdaThread&)> m_body;
-};
-
-class ProcessStyleThread : public HvThread {
-public:
-    ProcessStyleThread() : HvThread(nullptr) {}
-    void run() override {}
-};
-
-struct AssertionRecord {
-    std::string text;
-    std::string file;
-    int line;
-};
-std::vector<AssertionRecord> fs_assertions;
-void recordAssertion(const char* text, const char* file, int line)
-{
-    fs_assertions.push_back(AssertionRecord{text ? text : "", file ? file : "", line});
-}
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 } // namespace
 
 TEST(HvShutdownThreads, ShutdownStopsEveryKindOfThreadAndEmptiesTheTable)
 {
-    std::vector<HvHandle<LambdaThread>> threads;
+    std::vector<HvHandle<hvtest::LambdaThread>> threads;
     // Sleeping without time-out until terminated.
     for (int i = 0; i < 3; ++i) {
-        threads.push_back(HvHandle<LambdaThread>(new LambdaThread([](LambdaThread& self) {
+        threads.push_back(HvHandle<hvtest::LambdaThread>(new hvtest::LambdaThread([](hvtest::LambdaThread& self) {
             while (self.getState() != HvThread::EXITING)
                 self.wait(HvThread::kNoTimeout);
         })));
     }
     // Polling the shutdown flag between short waits.
     for (int i = 0; i < 2; ++i) {
-        threads.push_back(HvHandle<LambdaThread>(new LambdaThread([](LambdaThread& self) {
+        threads.push_back(HvHandle<hvtest::LambdaThread>(new hvtest::LambdaThread([](hvtest::LambdaThread& self) {
             while (!HvThread::sShuttingDown())
                 self.wait(20);
         })));
     }
     // Busy, checking its own state.
-    threads.push_back(HvHandle<LambdaThread>(new LambdaThread([](LambdaThread& self) {
+    threads.push_back(HvHandle<hvtest::LambdaThread>(new hvtest::LambdaThread([](hvtest::LambdaThread& self) {
         while (self.getState() != HvThread::EXITING)
             std::this_thread::yield();
     })));
     for (auto& thread : threads)
         thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return HvThread::sGetThreadCount() == threads.size(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return HvThread::sGetThreadCount() == threads.size(); }));
     EXPECT_FALSE(HvThread::sIsShutdownCompleted());
 
     Velmora::LogCapture capture("ferrowind.hv.HvThread");
@@ -134,34 +93,29 @@ TEST(HvShutdownThreads, ShutdownStopsEveryKindOfThreadAndEmptiesTheTable)
 TEST(HvShutdownThreads, ConstructionAfterShutdownBeganIsReported)
 {
     ASSERT_TRUE(HvThread::sShuttingDown());
-    fs_assertions.clear();
-    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&recordAssertion);
     {
-        HvHandle<LambdaThread> late(new LambdaThread([](LambdaThread&) {}));
-        HvHandle<ProcessStyleThread> processStyle(new ProcessStyleThread);
+        hvtest::AssertionScope recorder;
+        HvHandle<hvtest::LambdaThread> late(new hvtest::LambdaThread([](hvtest::LambdaThread&) {}));
+        HvHandle<hvtest::ProcessStyleThread> processStyle(new hvtest::ProcessStyleThread);
     }
-    Velmora::Assertion::sSetHandler(previous);
-    ASSERT_EQ(2u, fs_assertions.size());
-    EXPECT_EQ("!fs_bShutDown", fs_assertions[0].text);
-    EXPECT_EQ("HvThread", fs_assertions[0].file);
-    EXPECT_EQ(105, fs_assertions[0].line);
-    EXPECT_EQ("!fs_bShutDown", fs_assertions[1].text);
-    EXPECT_EQ("HvThread", fs_assertions[1].file);
-    EXPECT_EQ(124, fs_assertions[1].line);
+    std::vector<hvtest::AssertionRecord> assertions = hvtest::recordedAssertions();
+    ASSERT_EQ(2u, assertions.size());
+    hvtest::expectAssertion(assertions[0], "!fs_bShutDown", "HvThread", 105);
+    hvtest::expectAssertion(assertions[1], "!fs_bShutDown", "HvThread", 124);
 }
 
 TEST(HvShutdownThreads, ThreadForkedAfterShutdownStopsItselfBeforeRun)
 {
-    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&recordAssertion);
+    Velmora::Assertion::Handler previous = Velmora::Assertion::sSetHandler(&hvtest::recordAssertion);
     std::atomic<int> runs{0};
-    HvHandle<LambdaThread> late(new LambdaThread([&](LambdaThread& self) {
+    HvHandle<hvtest::LambdaThread> late(new hvtest::LambdaThread([&](hvtest::LambdaThread& self) {
         runs.fetch_add(1);
         while (self.getState() != HvThread::EXITING)
             self.wait(HvThread::kNoTimeout);
     }));
     Velmora::Assertion::sSetHandler(previous);
     late->fork();
-    ASSERT_TRUE(waitUntil([&] { return late->getState() == HvThread::DETACHED && late->getToken() != 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return late->getState() == HvThread::DETACHED && late->getToken() != 0; }));
     EXPECT_TRUE(HvThread::sWaitUntilDone());
     EXPECT_EQ(0, runs.load());
     EXPECT_EQ(0u, HvThread::sGetThreadCount());

@@ -1,7 +1,8 @@
 #include <HvUtil/HvSocketError.h>
 
 #include <HvUtil/HvAssertionFailure.h>
-#include <HvUtil/HvByteArrayOutputStream.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -11,32 +12,6 @@
 #include <typeinfo>
 
 namespace {
-
-std::string textOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    if (bytes.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
-
-std::string displayOf(const HvException& exception)
-{
-    HvByteArrayOutputStream out(0);
-    exception.display(out);
-    return textOf(out);
-}
-
-template <class F>
-HvHandle<HvException> thrownBy(F f)
-{
-    try {
-        f();
-    } catch (HvHandle<HvException>& e) {
-        return e;
-    }
-    return HvHandle<HvException>();
-}
 
 enum class Kind { Socket, System, Other };
 
@@ -59,7 +34,7 @@ Kind classify(F f)
 
 TEST(HvSocketError, ZeroNumberTakesErrno)
 {
-    HvHandle<HvException> e = thrownBy([] {
+    HvHandle<HvException> e = hvtest::thrownBy([] {
         errno = ECONNREFUSED;
         HvSocketError::sThrow("connect", 0);
     });
@@ -68,27 +43,27 @@ TEST(HvSocketError, ZeroNumberTakesErrno)
     HvSocketError* error = dynamic_cast<HvSocketError*>(e.get());
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->getErrorNumber(), ECONNREFUSED);
-    EXPECT_EQ(displayOf(*error),
+    EXPECT_EQ(hvtest::displayOf(*error),
               std::string("connect: ") + std::strerror(ECONNREFUSED) + " (" + std::to_string(ECONNREFUSED) + ")");
 }
 
 TEST(HvSocketError, ExplicitNumberIgnoresErrno)
 {
-    HvHandle<HvException> e = thrownBy([] {
+    HvHandle<HvException> e = hvtest::thrownBy([] {
         errno = 2;
         HvSocketError::sThrow("x", 13);
     });
     ASSERT_FALSE(e.isNull());
     EXPECT_EQ(dynamic_cast<HvSocketError*>(e.get())->getErrorNumber(), 13);
-    EXPECT_EQ(displayOf(*e), std::string("x: ") + std::strerror(13) + " (13)");
+    EXPECT_EQ(hvtest::displayOf(*e), std::string("x: ") + std::strerror(13) + " (13)");
 }
 
 TEST(HvSocketError, DisplaysExactlyLikeASystemError)
 {
     HvSocketError socketError(HvString("send"), 32);
     HvSystemError systemError(HvString("send"), 32);
-    EXPECT_EQ(displayOf(socketError), displayOf(systemError));
-    EXPECT_EQ(displayOf(socketError), std::string("send: ") + std::strerror(32) + " (32)");
+    EXPECT_EQ(hvtest::displayOf(socketError), hvtest::displayOf(systemError));
+    EXPECT_EQ(hvtest::displayOf(socketError), std::string("send: ") + std::strerror(32) + " (32)");
 }
 
 TEST(HvSocketError, IsCaughtApartFromSystemErrorByDynamicType)
@@ -100,7 +75,7 @@ TEST(HvSocketError, IsCaughtApartFromSystemErrorByDynamicType)
 
 TEST(HvSocketError, IsAlsoASystemError)
 {
-    HvHandle<HvException> e = thrownBy([] { HvSocketError::sThrow("bind", 98); });
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvSocketError::sThrow("bind", 98); });
     ASSERT_FALSE(e.isNull());
     HvSystemError* asSystem = dynamic_cast<HvSystemError*>(e.get());
     ASSERT_NE(asSystem, nullptr);
@@ -109,13 +84,13 @@ TEST(HvSocketError, IsAlsoASystemError)
 
 TEST(HvSocketError, TypedHandleTakesOnlySocketErrors)
 {
-    HvHandle<HvException> socketFailure = thrownBy([] { HvSocketError::sThrow("accept", 24); });
+    HvHandle<HvException> socketFailure = hvtest::thrownBy([] { HvSocketError::sThrow("accept", 24); });
     HvHandle<HvSocketError> typed(socketFailure);
     EXPECT_EQ(typed.get(), socketFailure.get());
     EXPECT_EQ(typed->getErrorNumber(), 24);
 
-    HvHandle<HvException> systemFailure = thrownBy([] { HvSystemError::sThrow("open", 2); });
-    HvHandle<HvException> refused = thrownBy([&] { HvHandle<HvSocketError> wrong(systemFailure); });
+    HvHandle<HvException> systemFailure = hvtest::thrownBy([] { HvSystemError::sThrow("open", 2); });
+    HvHandle<HvException> refused = hvtest::thrownBy([&] { HvHandle<HvSocketError> wrong(systemFailure); });
     ASSERT_FALSE(refused.isNull());
     EXPECT_STREQ(refused->getMessage().c_str(), "dynamic_cast failed on HvHandle construction");
     EXPECT_NE(dynamic_cast<HvAssertionFailure*>(refused.get()), nullptr);

@@ -8,8 +8,7 @@
 #include <HvUtil/HvInputStream.h>
 #include <HvUtil/HvString.h>
 
-#include <Velmora/Assertion.h>
-#include <Velmora/MemAllocator.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -21,61 +20,23 @@
 
 namespace {
 
-long liveBuffers()
-{
-    return Velmora::allocationStats("HvStringBuffer").liveCount;
-}
-
-// Declared first in a test, so it is checked after every handle of the test
-// is gone: the test must give back every buffer it made.
-struct BufferLeakCheck {
-    long before = liveBuffers();
-    ~BufferLeakCheck() { EXPECT_EQ(liveBuffers(), before) << "HvStringBuffer blocks leaked"; }
-};
-
 std::string text(const HvStringBuffer* buffer)
 {
     return buffer ? std::string(buffer->getData(), buffer->getLength()) : std::string("<null>");
 }
 
-// Runs f and returns the exception it threw, or an empty handle.
-template <class F>
-HvHandle<HvException> thrownBy(F f)
+// Runs op on a buffer of `content` (with `room`) that a second handle shares.
+// A shared buffer is never changed in place: op must give back a new buffer
+// and leave the shared text alone. Returns what op gave back.
+HvString changedWhileShared(const char* content, unsigned int room, HvStringBuffer* (*op)(HvStringBuffer*))
 {
-    try {
-        f();
-    } catch (HvHandle<HvException>& e) {
-        return e;
-    }
-    return HvHandle<HvException>();
+    HvString mine(HvStringBuffer::sCreate(content, 0, room));
+    HvString other(mine);
+    HvString changed(op(mine.get()));
+    EXPECT_NE(changed.get(), mine.get());
+    EXPECT_EQ(text(other.get()), content);
+    return changed;
 }
-
-// Records what Velmora::Assertion hands to the installed handler.
-struct AssertionRecord {
-    int calls = 0;
-    std::string text;
-    std::string file;
-    int line = 0;
-};
-AssertionRecord fs_assertion;
-
-void recordAssertion(const char* text, const char* file, int line)
-{
-    ++fs_assertion.calls;
-    fs_assertion.text = text ? text : "";
-    fs_assertion.file = file ? file : "";
-    fs_assertion.line = line;
-}
-
-struct AssertionCapture {
-    Velmora::Assertion::Handler previous;
-    AssertionCapture()
-    {
-        fs_assertion = AssertionRecord();
-        previous = Velmora::Assertion::sSetHandler(recordAssertion);
-    }
-    ~AssertionCapture() { Velmora::Assertion::sSetHandler(previous); }
-};
 
 // Checks an assertion failure raised by the buffer: type, text, file and line.
 void expectAssertionFailure(const HvHandle<HvException>& e, const char* message, unsigned int line)
@@ -86,9 +47,9 @@ void expectAssertionFailure(const HvHandle<HvException>& e, const char* message,
     EXPECT_STREQ(failure->getMessage().c_str(), message);
     EXPECT_STREQ(failure->getFile(), "HvStringBuffer.cpp");
     EXPECT_EQ(failure->getLine(), line);
-    EXPECT_EQ(fs_assertion.calls, 1);
-    EXPECT_EQ(fs_assertion.text, message);
-    EXPECT_EQ(fs_assertion.line, static_cast<int>(line));
+    EXPECT_EQ(hvtest::assertionCount(), 1u);
+    EXPECT_EQ(hvtest::lastAssertion().text, message);
+    EXPECT_EQ(hvtest::lastAssertion().line, static_cast<int>(line));
 }
 
 // A memory stream over a copy of `content`.
@@ -118,7 +79,7 @@ public:
 
 TEST(HvStringBuffer, CreateOfEmptyOrNullTextWithoutRoomIsNull)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     EXPECT_EQ(HvStringBuffer::sCreate("", 0, 0), nullptr);
     EXPECT_EQ(HvStringBuffer::sCreate(nullptr, 0, 0), nullptr);
     // A null text reserves nothing unless room is asked for.
@@ -127,7 +88,7 @@ TEST(HvStringBuffer, CreateOfEmptyOrNullTextWithoutRoomIsNull)
 
 TEST(HvStringBuffer, CreateOfEmptyTextWithRoomIsEmptyBuffer)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString empty(HvStringBuffer::sCreate("", 0, 16));
     ASSERT_FALSE(empty.isNull());
     EXPECT_EQ(empty->getLength(), 0u);
@@ -143,7 +104,7 @@ TEST(HvStringBuffer, CreateOfEmptyTextWithRoomIsEmptyBuffer)
 
 TEST(HvStringBuffer, CreateMeasuresTextAndSizesExactly)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvStringBuffer* raw = HvStringBuffer::sCreate("abc", 0, 0);
     ASSERT_NE(raw, nullptr);
     EXPECT_EQ(raw->getRefCount(), 0);
@@ -156,7 +117,7 @@ TEST(HvStringBuffer, CreateMeasuresTextAndSizesExactly)
 
 TEST(HvStringBuffer, CreateWithLengthTakesPrefix)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString abc(HvStringBuffer::sCreate("abcdef", 3, 0));
     EXPECT_STREQ(abc->getData(), "abc");
     EXPECT_EQ(abc->getLength(), 3u);
@@ -165,7 +126,7 @@ TEST(HvStringBuffer, CreateWithLengthTakesPrefix)
 
 TEST(HvStringBuffer, CreateRaisesSmallCapacityAndKeepsLargeOne)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString raised(HvStringBuffer::sCreate("abcdef", 0, 2));
     EXPECT_EQ(raised->getCapacity(), 7u);
     EXPECT_STREQ(raised->getData(), "abcdef");
@@ -176,7 +137,7 @@ TEST(HvStringBuffer, CreateRaisesSmallCapacityAndKeepsLargeOne)
 
 TEST(HvStringBuffer, CreateWithNullTextAndLengthReservesCharacters)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvStringBuffer* raw = HvStringBuffer::sCreate(nullptr, 3, 8);
     ASSERT_NE(raw, nullptr);
     EXPECT_EQ(raw->getLength(), 3u);
@@ -187,7 +148,7 @@ TEST(HvStringBuffer, CreateWithNullTextAndLengthReservesCharacters)
 
 TEST(HvStringBuffer, CreateCopiesEmbeddedNulWithExplicitLength)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("a\0b", 3, 0));
     EXPECT_EQ(buffer->getLength(), 3u);
     EXPECT_EQ(std::memcmp(buffer->getData(), "a\0b\0", 4), 0);
@@ -195,10 +156,10 @@ TEST(HvStringBuffer, CreateCopiesEmbeddedNulWithExplicitLength)
 
 TEST(HvStringBuffer, DataLivesBehindHeaderInOneBlock)
 {
-    BufferLeakCheck leaks;
-    long before = liveBuffers();
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    long before = hvtest::liveStringBuffers();
     HvString buffer(HvStringBuffer::sCreate("abc", 0, 0));
-    EXPECT_EQ(liveBuffers(), before + 1);
+    EXPECT_EQ(hvtest::liveStringBuffers(), before + 1);
     const char* header = reinterpret_cast<const char*>(buffer.get());
     EXPECT_EQ(buffer->getData(), header + sizeof(HvStringBuffer));
 }
@@ -207,7 +168,7 @@ TEST(HvStringBuffer, DataLivesBehindHeaderInOneBlock)
 
 TEST(HvStringBuffer, AssignOnNullBufferMakesNewOrNull)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString made(HvStringBuffer::sAssign(nullptr, "abc"));
     EXPECT_EQ(text(made.get()), "abc");
     EXPECT_EQ(made->getCapacity(), 4u);
@@ -217,7 +178,7 @@ TEST(HvStringBuffer, AssignOnNullBufferMakesNewOrNull)
 
 TEST(HvStringBuffer, AssignReusesPrivateBufferWithRoom)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("abcdef", 0, 0));
     unsigned int oldHash = buffer->hashCode();
     HvStringBuffer* result = HvStringBuffer::sAssign(buffer.get(), "xyz");
@@ -244,7 +205,7 @@ TEST(HvStringBuffer, AssignReusesPrivateBufferWithRoom)
 
 TEST(HvStringBuffer, AssignOfOwnTailMovesInPlace)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("hello", 0, 0));
     EXPECT_EQ(HvStringBuffer::sAssign(buffer.get(), buffer->getData() + 2), buffer.get());
     EXPECT_EQ(text(buffer.get()), "llo");
@@ -252,7 +213,7 @@ TEST(HvStringBuffer, AssignOfOwnTailMovesInPlace)
 
 TEST(HvStringBuffer, AssignToSmallBufferMakesNewOne)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("ab", 0, 0));
     HvString result(HvStringBuffer::sAssign(buffer.get(), "longer"));
     EXPECT_NE(result.get(), buffer.get());
@@ -263,7 +224,7 @@ TEST(HvStringBuffer, AssignToSmallBufferMakesNewOne)
 
 TEST(HvStringBuffer, AssignToSharedBufferLeavesOtherHandleAlone)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString first(HvStringBuffer::sCreate("abcdef", 0, 0));
     HvString second(first);
     HvString result(HvStringBuffer::sAssign(first.get(), "x"));
@@ -279,7 +240,7 @@ TEST(HvStringBuffer, AssignToSharedBufferLeavesOtherHandleAlone)
 
 TEST(HvStringBuffer, AppendToNullBufferCreates)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString whole(HvStringBuffer::sAppend(nullptr, "abc", 0));
     EXPECT_EQ(text(whole.get()), "abc");
     EXPECT_EQ(whole->getCapacity(), 4u);
@@ -292,7 +253,7 @@ TEST(HvStringBuffer, AppendToNullBufferCreates)
 
 TEST(HvStringBuffer, AppendToNullBufferWithLongCountTakesWholeTextOnly)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     // The count is larger than the text: only the text's own bytes are read.
     char text3[3] = {'a', 'b', '\0'};
     HvString made(HvStringBuffer::sAppend(nullptr, text3, 100));
@@ -302,7 +263,7 @@ TEST(HvStringBuffer, AppendToNullBufferWithLongCountTakesWholeTextOnly)
 
 TEST(HvStringBuffer, AppendOfNullOrEmptyTextReturnsBufferUnchanged)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("abc", 0, 0));
     EXPECT_EQ(HvStringBuffer::sAppend(buffer.get(), nullptr, 0), buffer.get());
     EXPECT_EQ(HvStringBuffer::sAppend(buffer.get(), nullptr, 5), buffer.get());
@@ -314,7 +275,7 @@ TEST(HvStringBuffer, AppendOfNullOrEmptyTextReturnsBufferUnchanged)
 
 TEST(HvStringBuffer, AppendMakesBufferOfExactlyNeededCapacity)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("abc", 0, 0));
     HvStringBuffer* old = buffer.get();
     buffer = HvStringBuffer::sAppend(buffer.get(), "de", 0);
@@ -333,7 +294,7 @@ TEST(HvStringBuffer, AppendMakesBufferOfExactlyNeededCapacity)
 
 TEST(HvStringBuffer, AppendInPlaceWhenPrivateAndLargeEnough)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("ab", 0, 10));
     unsigned int oldHash = buffer->hashCode();
     EXPECT_EQ(HvStringBuffer::sAppend(buffer.get(), "cd", 0), buffer.get());
@@ -349,7 +310,7 @@ TEST(HvStringBuffer, AppendInPlaceWhenPrivateAndLargeEnough)
 
 TEST(HvStringBuffer, AppendTakesCountOrWholeText)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("", 0, 32));
     buffer = HvStringBuffer::sAppend(buffer.get(), "abcdef", 2);
     EXPECT_EQ(text(buffer.get()), "ab");
@@ -363,7 +324,7 @@ TEST(HvStringBuffer, AppendTakesCountOrWholeText)
 
 TEST(HvStringBuffer, AppendWithLongCountMakesExactCapacityForWholeText)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("abc", 0, 0));
     buffer = HvStringBuffer::sAppend(buffer.get(), "de", 9);
     EXPECT_EQ(text(buffer.get()), "abcde");
@@ -372,7 +333,7 @@ TEST(HvStringBuffer, AppendWithLongCountMakesExactCapacityForWholeText)
 
 TEST(HvStringBuffer, AppendToSharedBufferLeavesOtherHandleUnchanged)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString mine(HvStringBuffer::sCreate("abc", 0, 20));
     HvString other(mine);
     mine = HvStringBuffer::sAppend(mine.get(), "def", 0);
@@ -387,7 +348,7 @@ TEST(HvStringBuffer, AppendToSharedBufferLeavesOtherHandleUnchanged)
 
 TEST(HvStringBuffer, AppendOwnTextToItself)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString roomy(HvStringBuffer::sCreate("ab", 0, 10));
     EXPECT_EQ(HvStringBuffer::sAppend(roomy.get(), roomy->getData(), 0), roomy.get());
     EXPECT_EQ(text(roomy.get()), "abab");
@@ -400,7 +361,7 @@ TEST(HvStringBuffer, AppendOwnTextToItself)
 
 TEST(HvStringBuffer, AppendBufferFollowsNullRules)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString other(HvStringBuffer::sCreate("def", 0, 0));
     // A null buffer gives the other buffer itself.
     EXPECT_EQ(HvStringBuffer::sAppend(nullptr, other.get()), other.get());
@@ -421,7 +382,7 @@ TEST(HvStringBuffer, AppendBufferFollowsNullRules)
 
 TEST(HvStringBuffer, AppendBufferTakesOtherTextUpToItsNul)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     // The other buffer's length is the count, and a count beyond the text
     // (here past an embedded NUL) takes the text only.
     HvString other(HvStringBuffer::sCreate("x\0z", 3, 0));
@@ -436,7 +397,7 @@ TEST(HvStringBuffer, AppendBufferTakesOtherTextUpToItsNul)
 
 TEST(HvStringBuffer, CaseChangeOfNullOrEmptyReturnsItUnchanged)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     EXPECT_EQ(HvStringBuffer::sToLower(nullptr), nullptr);
     EXPECT_EQ(HvStringBuffer::sToUpper(nullptr), nullptr);
     HvString empty(HvStringBuffer::sCreate("", 0, 4));
@@ -447,7 +408,7 @@ TEST(HvStringBuffer, CaseChangeOfNullOrEmptyReturnsItUnchanged)
 
 TEST(HvStringBuffer, ToLowerAndToUpperChangeAsciiLettersInPlace)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("Hello, World 09 @[`{", 0, 0));
     EXPECT_EQ(HvStringBuffer::sToLower(buffer.get()), buffer.get());
     EXPECT_EQ(text(buffer.get()), "hello, world 09 @[`{");
@@ -459,7 +420,7 @@ TEST(HvStringBuffer, ToLowerAndToUpperChangeAsciiLettersInPlace)
 
 TEST(HvStringBuffer, CaseChangeLeavesBytesAbove127Alone)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     const char source[] = "\xC4\xE4" "Ab" "\xFF\x80" "z";
     HvString buffer(HvStringBuffer::sCreate(source, 0, 0));
     HvStringBuffer::sToLower(buffer.get());
@@ -470,7 +431,7 @@ TEST(HvStringBuffer, CaseChangeLeavesBytesAbove127Alone)
 
 TEST(HvStringBuffer, CaseChangeClearsHash)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("AB", 0, 0));
     EXPECT_EQ(buffer->hashCode(), static_cast<unsigned int>('A' * 5 + 'B'));
     HvStringBuffer::sToLower(buffer.get());
@@ -481,18 +442,13 @@ TEST(HvStringBuffer, CaseChangeClearsHash)
 
 TEST(HvStringBuffer, CaseChangeOfSharedBufferCopies)
 {
-    BufferLeakCheck leaks;
-    HvString mine(HvStringBuffer::sCreate("MiXeD", 0, 20));
-    HvString other(mine);
-    HvString lower(HvStringBuffer::sToLower(mine.get()));
-    EXPECT_NE(lower.get(), mine.get());
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    HvString lower = changedWhileShared("MiXeD", 20, &HvStringBuffer::sToLower);
     EXPECT_EQ(text(lower.get()), "mixed");
     EXPECT_EQ(lower->getCapacity(), 6u);
-    HvString upper(HvStringBuffer::sToUpper(other.get()));
-    EXPECT_NE(upper.get(), other.get());
+    HvString upper = changedWhileShared("MiXeD", 20, &HvStringBuffer::sToUpper);
     EXPECT_EQ(text(upper.get()), "MIXED");
     EXPECT_EQ(upper->getCapacity(), 6u);
-    EXPECT_EQ(text(mine.get()), "MiXeD");
 }
 
 // ---------------------------------------------------------------- trim
@@ -504,7 +460,7 @@ TEST(HvStringBuffer, TrimOfNullIsNull)
 
 TEST(HvStringBuffer, TrimRemovesTabNewlineReturnAndBlankAtBothEnds)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate(" \t x \r\n", 0, 0));
     unsigned int capacity = buffer->getCapacity();
     EXPECT_EQ(HvStringBuffer::sTrim(buffer.get()), buffer.get());
@@ -519,7 +475,7 @@ TEST(HvStringBuffer, TrimRemovesTabNewlineReturnAndBlankAtBothEnds)
 
 TEST(HvStringBuffer, TrimKeepsVerticalTabAndFormFeed)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString vt(HvStringBuffer::sCreate("\v x", 0, 0));
     HvStringBuffer::sTrim(vt.get());
     EXPECT_EQ(text(vt.get()), "\v x");
@@ -530,7 +486,7 @@ TEST(HvStringBuffer, TrimKeepsVerticalTabAndFormFeed)
 
 TEST(HvStringBuffer, TrimOfAllBlankGivesEmptyBufferNotNull)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate(" \t\r\n ", 0, 0));
     HvStringBuffer* result = HvStringBuffer::sTrim(buffer.get());
     ASSERT_NE(result, nullptr);
@@ -541,7 +497,7 @@ TEST(HvStringBuffer, TrimOfAllBlankGivesEmptyBufferNotNull)
 
 TEST(HvStringBuffer, TrimOfTextWithoutBlanksIsUnchanged)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("abc", 0, 0));
     EXPECT_EQ(HvStringBuffer::sTrim(buffer.get()), buffer.get());
     EXPECT_EQ(text(buffer.get()), "abc");
@@ -549,7 +505,7 @@ TEST(HvStringBuffer, TrimOfTextWithoutBlanksIsUnchanged)
 
 TEST(HvStringBuffer, TrimClearsHash)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate(" ab ", 0, 0));
     unsigned int before = buffer->hashCode();
     HvStringBuffer::sTrim(buffer.get());
@@ -559,21 +515,17 @@ TEST(HvStringBuffer, TrimClearsHash)
 
 TEST(HvStringBuffer, TrimOfSharedBufferCopiesWithSameCapacity)
 {
-    BufferLeakCheck leaks;
-    HvString mine(HvStringBuffer::sCreate("  ab  ", 0, 12));
-    HvString other(mine);
-    HvString trimmed(HvStringBuffer::sTrim(mine.get()));
-    EXPECT_NE(trimmed.get(), mine.get());
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    HvString trimmed = changedWhileShared("  ab  ", 12, &HvStringBuffer::sTrim);
     EXPECT_EQ(text(trimmed.get()), "ab");
     EXPECT_EQ(trimmed->getCapacity(), 12u);
-    EXPECT_EQ(text(other.get()), "  ab  ");
 }
 
 // ---------------------------------------------------------------- substr
 
 TEST(HvStringBuffer, SubstrCases)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString hello(HvStringBuffer::sCreate("hello", 0, 0));
 
     HvString rest(HvStringBuffer::sSubstr(hello.get(), 2, 0));
@@ -611,7 +563,7 @@ TEST(HvStringBuffer, SubstrOfNullIsNull)
 
 TEST(HvStringBuffer, HashOfAbIs583)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString ab(HvStringBuffer::sCreate("ab", 0, 0));
     EXPECT_EQ(ab->hashCode(), 97u * 5u + 98u);
     EXPECT_EQ(ab->hashCode(), 583u);
@@ -619,7 +571,7 @@ TEST(HvStringBuffer, HashOfAbIs583)
 
 TEST(HvStringBuffer, HashUsesSignedCharacters)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString high(HvStringBuffer::sCreate("\x80", 0, 0));
     EXPECT_EQ(high->hashCode(), static_cast<unsigned int>(-128));
     EXPECT_EQ(high->hashCode(), 0xFFFFFF80u);
@@ -629,7 +581,7 @@ TEST(HvStringBuffer, HashUsesSignedCharacters)
 
 TEST(HvStringBuffer, HashWrapsIn32Bits)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     const char* source = "abcdefghijklmnopqrstuvwxyz";
     HvString buffer(HvStringBuffer::sCreate(source, 0, 0));
     std::uint64_t expected = 0;
@@ -640,7 +592,7 @@ TEST(HvStringBuffer, HashWrapsIn32Bits)
 
 TEST(HvStringBuffer, HashStopsAtFirstNul)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("a\0b", 3, 0));
     EXPECT_EQ(buffer->getLength(), 3u);
     EXPECT_EQ(buffer->hashCode(), 97u);
@@ -648,7 +600,7 @@ TEST(HvStringBuffer, HashStopsAtFirstNul)
 
 TEST(HvStringBuffer, HashOfEmptyBufferIsZero)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString empty(HvStringBuffer::sCreate("", 0, 8));
     EXPECT_EQ(empty->hashCode(), 0u);
     EXPECT_EQ(empty->hashCode(), 0u);
@@ -656,7 +608,7 @@ TEST(HvStringBuffer, HashOfEmptyBufferIsZero)
 
 TEST(HvStringBuffer, HashIsCachedUntilNextEdit)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     // A buffer no handle holds yet can be written through lockBuffer(),
     // which does not touch the cached hash: the stale value shows the cache.
     HvStringBuffer* raw = HvStringBuffer::sCreate("ab", 0, 0);
@@ -685,7 +637,7 @@ TEST(HvStringBuffer, CompareWithNullBuffer)
 
 TEST(HvStringBuffer, CompareWithNullTextGivesFirstCharacterAsSignedByte)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString abc(HvStringBuffer::sCreate("abc", 0, 0));
     EXPECT_EQ(HvStringBuffer::sCompareWith(abc.get(), nullptr), 'a');
     HvString high(HvStringBuffer::sCreate("\xC4x", 0, 0));
@@ -696,7 +648,7 @@ TEST(HvStringBuffer, CompareWithNullTextGivesFirstCharacterAsSignedByte)
 
 TEST(HvStringBuffer, CompareWithTextIsStrcmp)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString abc(HvStringBuffer::sCreate("abc", 0, 0));
     EXPECT_EQ(abc->compareWith("abc"), 0);
     EXPECT_LT(abc->compareWith("abd"), 0);
@@ -712,7 +664,7 @@ TEST(HvStringBuffer, CompareWithTextIsStrcmp)
 
 TEST(HvStringBuffer, CompareNoCaseNullRules)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     EXPECT_EQ(HvStringBuffer::sCompareNoCase(nullptr, nullptr), 0);
     EXPECT_EQ(HvStringBuffer::sCompareNoCase(nullptr, ""), 0);
     EXPECT_EQ(HvStringBuffer::sCompareNoCase(nullptr, "A"), -1);
@@ -724,7 +676,7 @@ TEST(HvStringBuffer, CompareNoCaseNullRules)
 
 TEST(HvStringBuffer, CompareNoCaseFoldsAsciiLettersOnly)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString abd(HvStringBuffer::sCreate("abd", 0, 0));
     EXPECT_GT(abd->compareNoCase("ABC"), 0);
     EXPECT_EQ(abd->compareNoCase("ABC"), 'd' - 'c');
@@ -742,7 +694,7 @@ TEST(HvStringBuffer, CompareNoCaseFoldsAsciiLettersOnly)
 
 TEST(HvStringBuffer, CompareNoCaseTakesBytesAsUnsigned)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString high(HvStringBuffer::sCreate("\xE4", 0, 0));
     EXPECT_EQ(high->compareNoCase("a"), 0xE4 - 'a');
     EXPECT_GT(high->compareNoCase("Z"), 0);
@@ -752,7 +704,7 @@ TEST(HvStringBuffer, CompareNoCaseTakesBytesAsUnsigned)
 
 TEST(HvStringBuffer, CompareWithObject)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString abc(HvStringBuffer::sCreate("abc", 0, 0));
     HvString abd(HvStringBuffer::sCreate("abd", 0, 0));
     HvString abcAgain(HvStringBuffer::sCreate("abc", 0, 0));
@@ -770,7 +722,7 @@ TEST(HvStringBuffer, CompareWithObject)
 
 TEST(HvStringBuffer, IndexOfCases)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString hello(HvStringBuffer::sCreate("hello", 0, 0));
     EXPECT_EQ(HvStringBuffer::sIndexOf(hello.get(), "l", 3), 3);
     EXPECT_EQ(HvStringBuffer::sIndexOf(hello.get(), "l", 0), 2);
@@ -792,7 +744,7 @@ TEST(HvStringBuffer, IndexOfCases)
 
 TEST(HvStringBuffer, IndexOfWithNegativeStartIsMinusOne)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString hello(HvStringBuffer::sCreate("hello", 0, 0));
     EXPECT_EQ(HvStringBuffer::sIndexOf(hello.get(), "h", -1), -1);
 }
@@ -801,7 +753,7 @@ TEST(HvStringBuffer, IndexOfWithNegativeStartIsMinusOne)
 
 TEST(HvStringBuffer, LockBufferOnUnheldBufferGivesDataToFill)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvStringBuffer* raw = HvStringBuffer::sCreate(nullptr, 0, 8);
     char* data = HvStringBuffer::sLockBuffer(raw, 8);
     EXPECT_EQ(data, raw->getData());
@@ -814,19 +766,19 @@ TEST(HvStringBuffer, LockBufferOnUnheldBufferGivesDataToFill)
 
 TEST(HvStringBuffer, LockBufferOnNullBufferRaisesAssertion)
 {
-    BufferLeakCheck leaks;
-    AssertionCapture capture;
-    HvHandle<HvException> e = thrownBy([] { HvStringBuffer::sLockBuffer(nullptr, 0); });
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    hvtest::AssertionScope capture;
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvStringBuffer::sLockBuffer(nullptr, 0); });
     expectAssertionFailure(e, "HvStringBuffer::lockBuffer", 357);
 }
 
 TEST(HvStringBuffer, LockBufferOnHeldBufferRaisesAssertionAndKeepsBuffer)
 {
-    BufferLeakCheck leaks;
-    AssertionCapture capture;
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    hvtest::AssertionScope capture;
     {
         HvString held(HvStringBuffer::sCreate("keep", 0, 10));
-        HvHandle<HvException> e = thrownBy([&] { held->lockBuffer(4); });
+        HvHandle<HvException> e = hvtest::thrownBy([&] { held->lockBuffer(4); });
         expectAssertionFailure(e, "HvStringBuffer::lockBuffer", 357);
         EXPECT_STREQ(held->getData(), "keep");
         EXPECT_EQ(held->getLength(), 4u);
@@ -837,13 +789,13 @@ TEST(HvStringBuffer, LockBufferOnHeldBufferRaisesAssertionAndKeepsBuffer)
 
 TEST(HvStringBuffer, LockBufferBeyondCapacityRaisesAssertion)
 {
-    BufferLeakCheck leaks;
-    AssertionCapture capture;
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    hvtest::AssertionScope capture;
     HvStringBuffer* raw = HvStringBuffer::sCreate("abc", 0, 0);
     // Exactly the capacity is allowed.
     EXPECT_EQ(raw->lockBuffer(4), raw->getData());
     {
-        HvHandle<HvException> e = thrownBy([&] { raw->lockBuffer(5); });
+        HvHandle<HvException> e = hvtest::thrownBy([&] { raw->lockBuffer(5); });
         expectAssertionFailure(e, "HvStringBuffer::lockBuffer", 357);
     }
     EXPECT_EQ(raw->getRefCount(), 0);
@@ -854,18 +806,18 @@ TEST(HvStringBuffer, LockBufferBeyondCapacityRaisesAssertion)
 
 TEST(HvStringBuffer, ReleaseBufferAtOrBeyondCapacityRaisesAssertionAndKeepsLength)
 {
-    BufferLeakCheck leaks;
-    AssertionCapture capture;
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    hvtest::AssertionScope capture;
     HvStringBuffer* raw = HvStringBuffer::sCreate("abc", 0, 8);
     raw->lockBuffer(8);
     {
-        HvHandle<HvException> e = thrownBy([&] { raw->releaseBuffer(8); });
+        HvHandle<HvException> e = hvtest::thrownBy([&] { raw->releaseBuffer(8); });
         expectAssertionFailure(e, "HvStringBuffer::releaseBuffer", 366);
     }
     EXPECT_EQ(raw->getLength(), 3u);
-    fs_assertion = AssertionRecord();
+    hvtest::clearAssertions();
     {
-        HvHandle<HvException> e = thrownBy([&] { raw->releaseBuffer(100); });
+        HvHandle<HvException> e = hvtest::thrownBy([&] { raw->releaseBuffer(100); });
         expectAssertionFailure(e, "HvStringBuffer::releaseBuffer", 366);
     }
     EXPECT_EQ(raw->getLength(), 3u);
@@ -879,7 +831,7 @@ TEST(HvStringBuffer, ReleaseBufferAtOrBeyondCapacityRaisesAssertionAndKeepsLengt
 
 TEST(HvStringBuffer, ReleaseBufferMeasuresWithAllOnes)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvStringBuffer* raw = HvStringBuffer::sCreate(nullptr, 0, 16);
     std::strcpy(raw->lockBuffer(16), "measured");
     raw->releaseBuffer(0xFFFFFFFF);
@@ -890,7 +842,7 @@ TEST(HvStringBuffer, ReleaseBufferMeasuresWithAllOnes)
 
 TEST(HvStringBuffer, ReleaseBufferNeitherWritesNulNorClearsHash)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvStringBuffer* raw = HvStringBuffer::sCreate("abcd", 0, 8);
     unsigned int hash = raw->hashCode();
     raw->lockBuffer(8);
@@ -903,14 +855,14 @@ TEST(HvStringBuffer, ReleaseBufferNeitherWritesNulNorClearsHash)
 
 TEST(HvStringBuffer, MeasuringUnterminatedBufferFailsWithoutOverRead)
 {
-    BufferLeakCheck leaks;
-    AssertionCapture capture;
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    hvtest::AssertionScope capture;
     HvStringBuffer* raw = HvStringBuffer::sCreate(nullptr, 0, 4);
     char* data = raw->lockBuffer(4);
     // Every byte of the capacity is text: no NUL anywhere in the block.
     std::memset(data, 'x', 4);
     {
-        HvHandle<HvException> e = thrownBy([&] { raw->releaseBuffer(0xFFFFFFFF); });
+        HvHandle<HvException> e = hvtest::thrownBy([&] { raw->releaseBuffer(0xFFFFFFFF); });
         expectAssertionFailure(e, "HvStringBuffer::releaseBuffer", 366);
     }
     EXPECT_EQ(raw->getLength(), 0u);
@@ -922,7 +874,7 @@ TEST(HvStringBuffer, MeasuringUnterminatedBufferFailsWithoutOverRead)
 
 TEST(HvStringBuffer, ReadIntoNullBufferMakesOneOfRequestedRoom)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in(newStream("hello world"));
     HvString buffer(HvStringBuffer::sRead(nullptr, *in, 4));
     EXPECT_EQ(text(buffer.get()), "hell");
@@ -945,7 +897,7 @@ TEST(HvStringBuffer, ReadIntoNullBufferMakesOneOfRequestedRoom)
 
 TEST(HvStringBuffer, ReadIntoSharedBufferLeavesOtherHandleAlone)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in(newStream("data"));
     HvString mine(HvStringBuffer::sCreate("old", 0, 32));
     HvString other(mine);
@@ -957,7 +909,7 @@ TEST(HvStringBuffer, ReadIntoSharedBufferLeavesOtherHandleAlone)
 
 TEST(HvStringBuffer, ReadClearsHash)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in(newStream("ab"));
     HvString buffer(HvStringBuffer::sCreate("zz", 0, 8));
     buffer->hashCode();
@@ -967,16 +919,16 @@ TEST(HvStringBuffer, ReadClearsHash)
 
 TEST(HvStringBuffer, ReadFailureReleasesNewBuffer)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in(new FailingStream);
     {
-        HvHandle<HvException> e = thrownBy([&] { HvStringBuffer::sRead(nullptr, *in, 8); });
+        HvHandle<HvException> e = hvtest::thrownBy([&] { HvStringBuffer::sRead(nullptr, *in, 8); });
         ASSERT_FALSE(e.isNull());
         EXPECT_STREQ(e->getMessage().c_str(), "read failed");
     }
     HvString kept(HvStringBuffer::sCreate("kept", 0, 16));
     {
-        HvHandle<HvException> e = thrownBy([&] { HvStringBuffer::sRead(kept.get(), *in, 8); });
+        HvHandle<HvException> e = hvtest::thrownBy([&] { HvStringBuffer::sRead(kept.get(), *in, 8); });
         EXPECT_FALSE(e.isNull());
     }
     EXPECT_EQ(kept->getRefCount(), 1);
@@ -985,7 +937,7 @@ TEST(HvStringBuffer, ReadFailureReleasesNewBuffer)
 
 TEST(HvStringBuffer, ParseReadsTokenAndLeavesDelimiterInStream)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in(newStream("  abc,def"));
     HvString token(HvStringBuffer::sParse(nullptr, *in, ",;"));
     EXPECT_EQ(text(token.get()), "abc");
@@ -999,7 +951,7 @@ TEST(HvStringBuffer, ParseReadsTokenAndLeavesDelimiterInStream)
 
 TEST(HvStringBuffer, ParseSkipsWhiteSpaceAndStopsAtDelimiterOrEnd)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in(newStream("\r\n\t token rest"));
     HvString token(HvStringBuffer::sParse(nullptr, *in, " \t\r\n"));
     EXPECT_EQ(text(token.get()), "token");
@@ -1015,7 +967,7 @@ TEST(HvStringBuffer, ParseSkipsWhiteSpaceAndStopsAtDelimiterOrEnd)
 
 TEST(HvStringBuffer, ParseAtDelimiterGivesEmptyToken)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in(newStream(";x"));
     HvString token(HvStringBuffer::sParse(nullptr, *in, ";"));
     ASSERT_FALSE(token.isNull());
@@ -1025,16 +977,16 @@ TEST(HvStringBuffer, ParseAtDelimiterGivesEmptyToken)
 
 TEST(HvStringBuffer, ParseOfStreamWithoutMarkThrowsTokenizerError)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in(new UnmarkableStream);
-    HvHandle<HvException> e = thrownBy([&] { HvStringBuffer::sParse(nullptr, *in, " "); });
+    HvHandle<HvException> e = hvtest::thrownBy([&] { HvStringBuffer::sParse(nullptr, *in, " "); });
     ASSERT_FALSE(e.isNull());
     EXPECT_STREQ(e->getMessage().c_str(), "Can only tokenize streams where mark supported");
 }
 
 TEST(HvStringBuffer, PeekConsumesOnlyLeadingWhiteSpace)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in(newStream("  \tabc,def"));
     HvString token(HvStringBuffer::sPeek(nullptr, *in, ","));
     EXPECT_EQ(text(token.get()), "abc");
@@ -1052,7 +1004,7 @@ TEST(HvStringBuffer, PeekConsumesOnlyLeadingWhiteSpace)
 
 TEST(HvStringBuffer, CloneCopiesTextAndCapacity)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString original(HvStringBuffer::sCreate("abc", 0, 10));
     HvObject* copy = original->clone();
     HvStringBuffer* buffer = dynamic_cast<HvStringBuffer*>(copy);
@@ -1073,7 +1025,7 @@ TEST(HvStringBuffer, CloneCopiesTextAndCapacity)
 
 TEST(HvStringBuffer, DisplayWritesVerboseObjectDisplayThenText)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString buffer(HvStringBuffer::sCreate("some text", 0, 0));
     HvByteArrayOutputStream out(0);
     buffer->display(out);
@@ -1087,7 +1039,7 @@ TEST(HvStringBuffer, DisplayWritesVerboseObjectDisplayThenText)
 
 TEST(HvStringBuffer, LengthWithNoRoomForItsTerminatorFailsAsAnAllocation)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     EXPECT_THROW(HvStringBuffer::sCreate(nullptr, 0xFFFFFFFFu, 1), std::bad_alloc);
     HvHandle<HvByteArray> data = HvByteArray::sCreate("abc");
     HvByteArrayInputStream in(data.get(), 0, 0);

@@ -3,11 +3,10 @@
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvByteArrayInputStream.h>
 #include <HvUtil/HvByteArrayOutputStream.h>
-#include <HvUtil/HvException.h>
 #include <HvUtil/HvInputStream.h>
 #include <HvUtil/HvOutputStream.h>
 
-#include <Velmora/MemAllocator.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -15,25 +14,6 @@
 #include <string>
 
 namespace {
-
-long liveBuffers()
-{
-    return Velmora::allocationStats("HvStringBuffer").liveCount;
-}
-
-// Declared first in a test, so it is checked after every handle is gone.
-struct BufferLeakCheck {
-    long before = liveBuffers();
-    ~BufferLeakCheck() { EXPECT_EQ(liveBuffers(), before) << "HvStringBuffer blocks leaked"; }
-};
-
-std::string written(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    if (bytes.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
 
 HvHandle<HvInputStream> streamOf(const char* content)
 {
@@ -53,8 +33,8 @@ TEST(HvString, DefaultIsEmptyString)
 
 TEST(HvString, FromTextTakesOneReference)
 {
-    BufferLeakCheck leaks;
-    long before = liveBuffers();
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    long before = hvtest::liveStringBuffers();
     {
         HvString abc("abc");
         ASSERT_FALSE(abc.isNull());
@@ -62,14 +42,14 @@ TEST(HvString, FromTextTakesOneReference)
         EXPECT_EQ(abc.length(), 3u);
         EXPECT_EQ(abc->getCapacity(), 4u);
         EXPECT_EQ(abc->getRefCount(), 1);
-        EXPECT_EQ(liveBuffers(), before + 1);
+        EXPECT_EQ(hvtest::liveStringBuffers(), before + 1);
     }
-    EXPECT_EQ(liveBuffers(), before);
+    EXPECT_EQ(hvtest::liveStringBuffers(), before);
 }
 
 TEST(HvString, FromEmptyOrNullTextIsEmpty)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString fromEmpty("");
     HvString fromNull(static_cast<const char*>(nullptr));
     EXPECT_TRUE(fromEmpty.isNull());
@@ -79,7 +59,7 @@ TEST(HvString, FromEmptyOrNullTextIsEmpty)
 
 TEST(HvString, FromBufferTakesIt)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvStringBuffer* raw = HvStringBuffer::sCreate("xyz", 0, 0);
     HvString held(raw);
     EXPECT_EQ(held.get(), raw);
@@ -88,7 +68,7 @@ TEST(HvString, FromBufferTakesIt)
 
 TEST(HvString, CopySharesTheBuffer)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString first("shared");
     HvString second(first);
     EXPECT_EQ(first.get(), second.get());
@@ -105,7 +85,7 @@ TEST(HvString, CopySharesTheBuffer)
 
 TEST(HvString, AppendStoresResultBack)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString text;
     text.append("ab");
     EXPECT_STREQ(text.c_str(), "ab");
@@ -120,7 +100,7 @@ TEST(HvString, AppendStoresResultBack)
 
 TEST(HvString, AppendToSharedBufferLeavesOtherHandleUnchanged)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString mine("abc");
     HvString other(mine);
     mine.append("def");
@@ -133,7 +113,7 @@ TEST(HvString, AppendToSharedBufferLeavesOtherHandleUnchanged)
 
 TEST(HvString, AppendStringToEmptySharesOther)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString other("tail");
     HvString text;
     text.append(other);
@@ -150,7 +130,7 @@ TEST(HvString, AppendStringToEmptySharesOther)
 
 TEST(HvString, CaseChangeOnSharedBufferCopies)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString mine("Hello \xC4");
     HvString other(mine);
     mine.toUpper();
@@ -164,7 +144,7 @@ TEST(HvString, CaseChangeOnSharedBufferCopies)
 
 TEST(HvString, TrimStoresResult)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString text(" \t x \r\n");
     HvString other(text);
     text.trim();
@@ -180,7 +160,7 @@ TEST(HvString, TrimStoresResult)
 
 TEST(HvString, SubstrDefaultsToRest)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString hello("hello");
     EXPECT_STREQ(hello.substr(2).c_str(), "llo");
     EXPECT_STREQ(hello.substr(1, 3).c_str(), "ell");
@@ -191,7 +171,7 @@ TEST(HvString, SubstrDefaultsToRest)
 
 TEST(HvString, QueriesOnEmptyAndNonEmpty)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvString hello("hello");
     EXPECT_EQ(hello.indexOf("l", 3), 3);
     EXPECT_EQ(hello.indexOf("l"), 2);
@@ -211,7 +191,7 @@ TEST(HvString, QueriesOnEmptyAndNonEmpty)
 
 TEST(HvString, ExtractionReadsBlankSeparatedWords)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in = streamOf(" one two\tthree\r\nfour");
     HvString a, b, c, d;
     *in >> a >> b;
@@ -230,7 +210,7 @@ TEST(HvString, ExtractionReadsBlankSeparatedWords)
 
 TEST(HvString, ExtractionLeavesDelimiterInStream)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in = streamOf("word\nnext");
     HvString word;
     *in >> word;
@@ -240,7 +220,7 @@ TEST(HvString, ExtractionLeavesDelimiterInStream)
 
 TEST(HvString, ExtractionIntoSharedStringLeavesOtherHandleAlone)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvHandle<HvInputStream> in = streamOf("new");
     HvString mine("old text");
     HvString other(mine);
@@ -251,10 +231,10 @@ TEST(HvString, ExtractionIntoSharedStringLeavesOtherHandleAlone)
 
 TEST(HvString, InsertionIntoHvOutputStreamWritesTextOnly)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     HvByteArrayOutputStream out(0);
     out << HvString("abc") << HvString() << HvString("d");
-    EXPECT_EQ(written(out), "abcd");
+    EXPECT_EQ(hvtest::textOf(out), "abcd");
 
     HvByteArrayOutputStream emptyOut(0);
     emptyOut << HvString();
@@ -263,12 +243,12 @@ TEST(HvString, InsertionIntoHvOutputStreamWritesTextOnly)
     // The whole length is written, including an embedded NUL.
     HvByteArrayOutputStream binary(0);
     binary << HvString(HvStringBuffer::sCreate("a\0b", 3, 0));
-    EXPECT_EQ(written(binary), std::string("a\0b", 3));
+    EXPECT_EQ(hvtest::textOf(binary), std::string("a\0b", 3));
 }
 
 TEST(HvString, InsertionIntoStdOstream)
 {
-    BufferLeakCheck leaks;
+    hvtest::LeakCheck leaks("HvStringBuffer");
     std::ostringstream out;
     out << HvString("abc") << HvString() << '|' << HvString("x y");
     EXPECT_EQ(out.str(), "abc|x y");
@@ -288,21 +268,9 @@ TEST(HvString, ConvertsFromAnObjectHandleHoldingAStringBuffer)
 TEST(HvString, ConversionFromAnotherObjectTypeIsReported)
 {
     HvHandle<HvObject> bytes(HvByteArray::sCreate("abc").get());
-    std::string message;
-    try {
-        HvString wrong = bytes;
-    } catch (HvHandle<HvException>& e) {
-        message = e->getMessage().c_str();
-    }
-    EXPECT_EQ("dynamic_cast failed on HvHandle construction", message);
+    EXPECT_EQ("dynamic_cast failed on HvHandle construction", hvtest::messageOf([&] { HvString wrong = bytes; }));
 
     HvString text("keep");
-    message.clear();
-    try {
-        text = bytes;
-    } catch (HvHandle<HvException>& e) {
-        message = e->getMessage().c_str();
-    }
-    EXPECT_EQ("dynamic_cast failed on HvHandle assignment", message);
+    EXPECT_EQ("dynamic_cast failed on HvHandle assignment", hvtest::messageOf([&] { text = bytes; }));
     EXPECT_EQ(1, bytes->getRefCount());
 }

@@ -5,6 +5,8 @@
 
 #include <Velmora/MemAllocator.h>
 
+#include <tests/support/HvTestSupport.h>
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -12,39 +14,9 @@
 #include <string>
 #include <typeinfo>
 
-namespace {
-
-std::string textOf(const HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    if (bytes.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
-
-std::string displayOf(const HvException& exception)
-{
-    HvByteArrayOutputStream out(0);
-    exception.display(out);
-    return textOf(out);
-}
-
-template <class F>
-HvHandle<HvException> thrownBy(F f)
-{
-    try {
-        f();
-    } catch (HvHandle<HvException>& e) {
-        return e;
-    }
-    return HvHandle<HvException>();
-}
-
-} // namespace
-
 TEST(HvSystemError, ZeroNumberTakesErrno)
 {
-    HvHandle<HvException> e = thrownBy([] {
+    HvHandle<HvException> e = hvtest::thrownBy([] {
         errno = 2;
         HvSystemError::sThrow("open", 0);
     });
@@ -54,12 +26,12 @@ TEST(HvSystemError, ZeroNumberTakesErrno)
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->getErrorNumber(), 2);
     EXPECT_STREQ(error->getMessage().c_str(), "open");
-    EXPECT_EQ(displayOf(*error), std::string("open: ") + std::strerror(2) + " (2)");
+    EXPECT_EQ(hvtest::displayOf(*error), std::string("open: ") + std::strerror(2) + " (2)");
 }
 
 TEST(HvSystemError, ExplicitNumberIgnoresErrno)
 {
-    HvHandle<HvException> e = thrownBy([] {
+    HvHandle<HvException> e = hvtest::thrownBy([] {
         errno = 2;
         HvSystemError::sThrow("x", 13);
     });
@@ -67,31 +39,31 @@ TEST(HvSystemError, ExplicitNumberIgnoresErrno)
     HvSystemError* error = dynamic_cast<HvSystemError*>(e.get());
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->getErrorNumber(), 13);
-    EXPECT_EQ(displayOf(*error), std::string("x: ") + std::strerror(13) + " (13)");
+    EXPECT_EQ(hvtest::displayOf(*error), std::string("x: ") + std::strerror(13) + " (13)");
 }
 
 TEST(HvSystemError, NullTextGivesEmptyMessage)
 {
-    HvHandle<HvException> e = thrownBy([] { HvSystemError::sThrow(nullptr, 13); });
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvSystemError::sThrow(nullptr, 13); });
     ASSERT_FALSE(e.isNull());
     // Unlike HvException::sThrow, a null text is not replaced.
     EXPECT_TRUE(e->getMessage().isNull());
-    EXPECT_EQ(displayOf(*e), std::string(": ") + std::strerror(13) + " (13)");
+    EXPECT_EQ(hvtest::displayOf(*e), std::string(": ") + std::strerror(13) + " (13)");
 }
 
 TEST(HvSystemError, NegativeNumberIsWrittenSigned)
 {
-    HvHandle<HvException> e = thrownBy([] { HvSystemError::sThrow("neg", -5); });
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvSystemError::sThrow("neg", -5); });
     ASSERT_FALSE(e.isNull());
     EXPECT_EQ(dynamic_cast<HvSystemError*>(e.get())->getErrorNumber(), -5);
-    std::string shown = displayOf(*e);
+    std::string shown = hvtest::displayOf(*e);
     std::string expectedText = std::strerror(-5);
     EXPECT_EQ(shown, "neg: " + expectedText + " (-5)");
 }
 
 TEST(HvSystemError, IsNotASocketError)
 {
-    HvHandle<HvException> e = thrownBy([] { HvSystemError::sThrow("read", 9); });
+    HvHandle<HvException> e = hvtest::thrownBy([] { HvSystemError::sThrow("read", 9); });
     ASSERT_FALSE(e.isNull());
     EXPECT_NE(dynamic_cast<HvSystemError*>(e.get()), nullptr);
     EXPECT_EQ(dynamic_cast<HvSocketError*>(e.get()), nullptr);
@@ -100,7 +72,7 @@ TEST(HvSystemError, IsNotASocketError)
 TEST(HvSystemError, CheckDoesNothingForZeroAndThrowsTheReturnedNumber)
 {
     EXPECT_NO_THROW(HvSystemError::sCheck(0, "pthread_mutex_lock"));
-    HvHandle<HvException> e = thrownBy([] {
+    HvHandle<HvException> e = hvtest::thrownBy([] {
         errno = 2;
         HvSystemError::sCheck(22, "pthread_mutex_lock");
     });
@@ -108,7 +80,7 @@ TEST(HvSystemError, CheckDoesNothingForZeroAndThrowsTheReturnedNumber)
     HvSystemError* error = dynamic_cast<HvSystemError*>(e.get());
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->getErrorNumber(), 22);
-    EXPECT_EQ(displayOf(*error), std::string("pthread_mutex_lock: ") + std::strerror(22) + " (22)");
+    EXPECT_EQ(hvtest::displayOf(*error), std::string("pthread_mutex_lock: ") + std::strerror(22) + " (22)");
 }
 
 TEST(HvSystemError, ExceptionAndMessageAreFreedAfterTheCatch)
@@ -128,5 +100,5 @@ TEST(HvSystemError, ObjectDisplayShowsClassName)
     HvHandle<HvSystemError> error(new HvSystemError(HvString("m"), 1));
     HvByteArrayOutputStream out(0);
     error->display(out, false);
-    EXPECT_EQ(textOf(out), "1\tHvSystemError");
+    EXPECT_EQ(hvtest::textOf(out), "1\tHvSystemError");
 }

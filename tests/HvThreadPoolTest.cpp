@@ -1,16 +1,15 @@
 #include <HvUtil/HvThreadPool.h>
 
-#include <HvUtil/HvByteArray.h>
-#include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvErrorStream.h>
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvMutex.h>
 #include <HvUtil/HvObservable.h>
 #include <HvUtil/HvWorkerThread.h>
 
-#include <Velmora/Assertion.h>
 #include <Velmora/LogCapture.h>
 #include <Velmora/MemAllocator.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -25,31 +24,7 @@
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-std::string text(HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    if (bytes.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 // Records its calls and their threads; can hold the calling thread until
 // released, or throw.
@@ -119,38 +94,6 @@ public:
     }
 };
 
-struct AssertionRecord {
-    std::string text;
-    std::string file;
-    int line;
-};
-std::mutex fs_assertionMutex;
-std::vector<AssertionRecord> fs_assertions;
-void recordAssertion(const char* text, const char* file, int line)
-{
-    std::lock_guard<std::mutex> lock(fs_assertionMutex);
-    fs_assertions.push_back(AssertionRecord{text ? text : "", file ? file : "", line});
-}
-size_t assertionCount()
-{
-    std::lock_guard<std::mutex> lock(fs_assertionMutex);
-    return fs_assertions.size();
-}
-
-class AssertionRecorder {
-public:
-    AssertionRecorder()
-    {
-        std::lock_guard<std::mutex> lock(fs_assertionMutex);
-        fs_assertions.clear();
-        m_previous = Velmora::Assertion::sSetHandler(&recordAssertion);
-    }
-    ~AssertionRecorder() { Velmora::Assertion::sSetHandler(m_previous); }
-
-private:
-    Velmora::Assertion::Handler m_previous;
-};
-
 } // namespace
 
 TEST(HvThreadPool, NewPoolHasNoWorkersAndItsOwnLock)
@@ -180,7 +123,7 @@ TEST(HvThreadPool, GrowsOnDemandUpToItsLimit)
     EXPECT_EQ(2, pool.getBusyCount());
     EXPECT_EQ(0, pool.getAvailableCount());
     // A new worker is handed out directly, running and waiting for its job.
-    ASSERT_TRUE(waitUntil([&] { return first->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return first->getState() == HvThread::BLOCKED; }));
     EXPECT_EQ(nullptr, pool.getAvailable());
     EXPECT_EQ(2, pool.getThreadCount());
 
@@ -242,17 +185,17 @@ TEST(HvThreadPool, ObserverNotificationIsDoneByAWorker)
     HvHandle<HvObject> object(new HvObject);
     HvThreadPool pool(nullptr, 2);
     pool.doObserverNotifications(observer.get(), object.get());
-    ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 1; }));
     EXPECT_NE(std::this_thread::get_id(), observer->lastThread());
     {
         std::lock_guard<std::mutex> lock(observer->m_mutex);
         EXPECT_EQ(nullptr, observer->m_sources[0]);
         EXPECT_EQ(object.get(), observer->m_objects[0]);
     }
-    ASSERT_TRUE(waitUntil([&] { return pool.getAvailableCount() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return pool.getAvailableCount() == 1; }));
     // The same worker takes the next job.
     pool.doObserverNotifications(observer.get(), object.get());
-    ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 2; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 2; }));
     {
         std::lock_guard<std::mutex> lock(observer->m_mutex);
         EXPECT_EQ(observer->m_threads[0], observer->m_threads[1]);
@@ -268,14 +211,14 @@ TEST(HvThreadPool, SourceNotificationIsDoneByAWorker)
     HvHandle<HvObject> object(new HvObject);
     HvThreadPool pool(nullptr, 2);
     pool.doSourceNotifications(source.get(), object.get());
-    ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 1; }));
     EXPECT_NE(std::this_thread::get_id(), observer->lastThread());
     {
         std::lock_guard<std::mutex> lock(observer->m_mutex);
         EXPECT_EQ(source.get(), observer->m_sources[0]);
         EXPECT_EQ(object.get(), observer->m_objects[0]);
     }
-    ASSERT_TRUE(waitUntil([&] { return pool.getAvailableCount() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return pool.getAvailableCount() == 1; }));
     source->detachObserver(observer);
 }
 
@@ -291,7 +234,7 @@ TEST(HvThreadPool, CallerDoesTheWorkWhenEveryWorkerIsBusy)
     HvThreadPool pool(nullptr, 2);
     pool.doObserverNotifications(holding.get(), nullptr);
     pool.doObserverNotifications(holding.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return holding->m_held.load() == 2; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return holding->m_held.load() == 2; }));
     EXPECT_EQ(2, pool.getBusyCount());
 
     pool.doSourceNotifications(source.get(), object.get());
@@ -303,7 +246,7 @@ TEST(HvThreadPool, CallerDoesTheWorkWhenEveryWorkerIsBusy)
     EXPECT_EQ(2, pool.getThreadCount());
 
     holding->m_release = true;
-    ASSERT_TRUE(waitUntil([&] { return pool.getAvailableCount() == 2; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return pool.getAvailableCount() == 2; }));
     source->detachObserver(observer);
 }
 
@@ -337,12 +280,7 @@ TEST(HvThreadPool, ExceptionsFromWorkDoneByTheCallerAreNeverRethrown)
 {
     // The report goes to a stream of its own that has no debug mode set, so
     // not even the default error stream in exception mode sees it.
-    HvByteArrayOutputStream sink(0);
-    HvErrorStream* stream = new HvErrorStream(&sink);
-    stream->AddRef();
-    stream->setDebugMode(HvString(HvException::sDebugToken));
-    HvErrorStream* previous = HvErrorStream::sSetDefault(stream);
-
+    hvtest::DebugOutputCapture debug;
     HvHandle<GateObserver> observer(new GateObserver);
     HvThreadPool pool(nullptr, 0);
     observer->m_behaviour = GateObserver::THROW_HV;
@@ -352,28 +290,21 @@ TEST(HvThreadPool, ExceptionsFromWorkDoneByTheCallerAreNeverRethrown)
     observer->m_behaviour = GateObserver::THROW_OTHER;
     EXPECT_NO_THROW(pool.mDoItYourSelf(2, nullptr, observer.get(), nullptr));
     EXPECT_EQ(3, observer->m_calls.load());
-    EXPECT_EQ("", text(sink));
-
-    HvErrorStream::sSetDefault(previous);
-    stream->Release(true);
+    EXPECT_EQ("", debug.text());
 }
 
 TEST(HvThreadPool, WorkerExceptionOutsideShutdownIsAssertedAndTheWorkerReturns)
 {
-    AssertionRecorder recorder;
+    hvtest::AssertionScope recorder;
     Velmora::LogCapture capture("ferrowind.hv.HvWorkerThread");
     HvHandle<GateObserver> observer(new GateObserver);
     observer->m_behaviour = GateObserver::THROW_HV;
     HvThreadPool pool(nullptr, 1);
     pool.doObserverNotifications(observer.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return assertionCount() == 1; }));
-    ASSERT_TRUE(waitUntil([&] { return pool.getAvailableCount() == 1; }));
-    {
-        std::lock_guard<std::mutex> lock(fs_assertionMutex);
-        EXPECT_EQ("false", fs_assertions[0].text);
-        EXPECT_EQ("HvWorkerThread", fs_assertions[0].file);
-        EXPECT_EQ(91, fs_assertions[0].line);
-    }
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::assertionCount() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return pool.getAvailableCount() == 1; }));
+    std::vector<hvtest::AssertionRecord> assertions = hvtest::recordedAssertions();
+    hvtest::expectAssertion(assertions[0], "false", "HvWorkerThread", 91);
     std::vector<Velmora::LogRecord> records = capture.records();
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ(40000, records[0].level);
@@ -381,7 +312,7 @@ TEST(HvThreadPool, WorkerExceptionOutsideShutdownIsAssertedAndTheWorkerReturns)
 
     observer->m_behaviour = GateObserver::RECORD;
     pool.doObserverNotifications(observer.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 2; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 2; }));
     EXPECT_NE(std::this_thread::get_id(), observer->lastThread());
 }
 
@@ -390,33 +321,33 @@ TEST(HvThreadPool, OverriddenCreateThreadMakesTheWorkersAndThePoolReleasesThem)
     int created = fs_workersCreated.load();
     int destroyed = fs_workersDestroyed.load();
     // Threads of earlier tests may still be leaving the table.
-    ASSERT_TRUE(waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
     HvHandle<GateObserver> observer(new GateObserver);
     {
         CountingPool pool(nullptr, 3);
         for (int i = 0; i < 3; ++i)
             pool.doObserverNotifications(observer.get(), nullptr);
-        ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 3; }));
+        ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 3; }));
         EXPECT_GE(fs_workersCreated.load() - created, 1);
         EXPECT_LE(fs_workersCreated.load() - created, 3);
         EXPECT_EQ(destroyed, fs_workersDestroyed.load());
     }
     // The pool's destructor stopped its workers and let go of them; each is
     // deleted when the last of the pool and its own thread lets go.
-    ASSERT_TRUE(waitUntil(
+    ASSERT_TRUE(hvtest::waitUntil(
         [&] { return fs_workersCreated.load() - created == fs_workersDestroyed.load() - destroyed; }));
-    ASSERT_TRUE(waitUntil([&] { return HvThread::sGetThreadCount() == 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return HvThread::sGetThreadCount() == 0; }));
 }
 
 TEST(HvThreadPool, DestructionWaitsForABusyWorkerToFinishItsJob)
 {
     // Threads of earlier tests may still be leaving the table.
-    ASSERT_TRUE(waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
     HvHandle<GateObserver> holding(new GateObserver);
     holding->m_behaviour = GateObserver::HOLD;
     HvThreadPool* pool = new HvThreadPool(nullptr, 2);
     pool->doObserverNotifications(holding.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return holding->m_held.load() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return holding->m_held.load() == 1; }));
     std::atomic<bool> destroyed{false};
     std::thread destroyer([&] {
         delete pool;
@@ -425,9 +356,9 @@ TEST(HvThreadPool, DestructionWaitsForABusyWorkerToFinishItsJob)
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(destroyed.load());
     holding->m_release = true;
-    ASSERT_TRUE(waitUntil([&] { return destroyed.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return destroyed.load(); }));
     destroyer.join();
-    ASSERT_TRUE(waitUntil([&] { return HvThread::sGetThreadCount() == 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return HvThread::sGetThreadCount() == 0; }));
 }
 
 namespace {
@@ -450,20 +381,20 @@ public:
 TEST(HvThreadPool, PoolDestroyedByItsOwnWorkerLetsThatWorkerGo)
 {
     // Threads of earlier tests may still be leaving the table.
-    ASSERT_TRUE(waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
     HvHandle<GateObserver> observer(new GateObserver);
     HvThreadPool* pool = new HvThreadPool(nullptr, 2);
     // A second, idle worker, so that the destructor has one to stop.
     pool->doObserverNotifications(observer.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return pool->getAvailableCount() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return pool->getAvailableCount() == 1; }));
     HvWorkerThread* idle = pool->getAvailable();
     HvWorkerThread* other = pool->getAvailable();
     ASSERT_NE(nullptr, other);
     pool->makeAvailable(idle);
     HvHandle<PoolDestroyer> destroyer(new PoolDestroyer(pool));
     other->doObserverNotifications(destroyer.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return destroyer->m_done.load(); }));
-    ASSERT_TRUE(waitUntil([&] { return HvThread::sGetThreadCount() == 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return destroyer->m_done.load(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return HvThread::sGetThreadCount() == 0; }));
 }
 
 TEST(HvThreadPool, ManyCallersShareThePoolWithoutLosingWork)
@@ -480,7 +411,7 @@ TEST(HvThreadPool, ManyCallersShareThePoolWithoutLosingWork)
         std::thread second(call);
         first.join();
         second.join();
-        ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 2 * perCaller; }));
+        ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 2 * perCaller; }));
         EXPECT_LE(pool.getThreadCount(), 4 + 2);
     }
     EXPECT_EQ(2 * perCaller, observer->m_calls.load());

@@ -1,16 +1,16 @@
 #include <HvUtil/HvThread.h>
 
 #include <HvUtil/HvAssertionFailure.h>
-#include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvErrorStream.h>
 #include <HvUtil/HvProcess.h>
 #include <HvUtil/HvSystemError.h>
 #include <HvUtil/HvTokenTable.h>
 
-#include <Velmora/Assertion.h>
 #include <Velmora/LogCapture.h>
 #include <Velmora/Logger.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -20,118 +20,42 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-// Tests run without privilege in CI: threads inherit the default scheduling,
-// except in the one test that asks for SCHED_RR on purpose.
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-std::string text(HvByteArrayOutputStream& out)
-{
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    if (bytes.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize());
-}
-
-// A thread whose body is given by the test.
-class LambdaThread : public HvThread {
-public:
-    explicit LambdaThread(std::function<void(LambdaThread&)> body = nullptr) : m_body(std::move(body)) {}
-    void run() override
-    {
-        runCount.fetch_add(1);
-        if (m_body)
-            m_body(*this);
-    }
-    std::atomic<int> runCount{0};
-
-private:
-    std::function<void(LambdaThread&)> m_body;
-};
-
-// A thread built with the process object's constructor.
-class ProcessStyleThread : public HvThread {
-public:
-    ProcessStyleThread() : HvThread(nullptr) {}
-    void run() override {}
-};
+// Threads inherit the default scheduling, except in the one test that asks
+// for SCHED_RR on purpose.
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 // Counts destructions, to prove who deletes a thread object and when.
 std::atomic<int> fs_destroyed{0};
-class CountedThread : public LambdaThread {
+class CountedThread : public hvtest::LambdaThread {
 public:
-    using LambdaThread::LambdaThread;
+    using hvtest::LambdaThread::LambdaThread;
     ~CountedThread() override { fs_destroyed.fetch_add(1); }
 };
 
 // Sleeps in wait() until terminated.
-void waitUntilTerminated(LambdaThread& self)
+void waitUntilTerminated(hvtest::LambdaThread& self)
 {
     while (self.getState() != HvThread::EXITING)
         self.wait(HvThread::kNoTimeout);
 }
 
-// True once the thread's main() has ended and it has left the table.
-bool ended(HvThread* thread)
+// A thread that records the scheduling policy and priority it runs with.
+HvHandle<hvtest::LambdaThread> schedulingProbe(std::atomic<int>& policy, std::atomic<int>& priority)
 {
-    return thread->getState() == HvThread::DETACHED && thread->getToken() != 0 &&
-           HvThread::sGetByToken(thread->getToken()) != thread;
+    return HvHandle<hvtest::LambdaThread>(new hvtest::LambdaThread([&policy, &priority](hvtest::LambdaThread&) {
+        int p = 0;
+        struct sched_param param;
+        pthread_getschedparam(pthread_self(), &p, &param);
+        priority = param.sched_priority;
+        policy = p;
+    }));
 }
-
-struct AssertionRecord {
-    std::string text;
-    std::string file;
-    int line;
-};
-std::mutex fs_assertionMutex;
-std::vector<AssertionRecord> fs_assertions;
-void recordAssertion(const char* text, const char* file, int line)
-{
-    std::lock_guard<std::mutex> lock(fs_assertionMutex);
-    fs_assertions.push_back(AssertionRecord{text ? text : "", file ? file : "", line});
-}
-
-class AssertionRecorder {
-public:
-    AssertionRecorder()
-    {
-        std::lock_guard<std::mutex> lock(fs_assertionMutex);
-        fs_assertions.clear();
-        m_previous = Velmora::Assertion::sSetHandler(&recordAssertion);
-    }
-    ~AssertionRecorder() { Velmora::Assertion::sSetHandler(m_previous); }
-    std::vector<AssertionRecord> records() const
-    {
-        std::lock_guard<std::mutex> lock(fs_assertionMutex);
-        return fs_assertions;
-    }
-
-private:
-    Velmora::Assertion::Handler m_previous;
-};
 
 double elapsedMs(std::chrono::steady_clock::time_point start)
 {
@@ -145,7 +69,7 @@ TEST(HvThread, FirstThreadObjectCreatesTheProcessObject)
     // The first test of this program: nothing has made the process yet.
     ASSERT_EQ(nullptr, HvProcess::sm_pTheOneAndOnly.load());
     int before = HvThread::sGetThreadNum();
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     EXPECT_NE(nullptr, HvProcess::sm_pTheOneAndOnly.load());
     // The process object and the thread both count.
     EXPECT_EQ(before + 2, HvThread::sGetThreadNum());
@@ -171,7 +95,7 @@ TEST(HvThread, NewThreadIsDetachedWithoutTokenAndTheProcessExists)
 {
     HvProcess::sGetCurrent();
     int before = HvThread::sGetThreadNum();
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     EXPECT_EQ(HvThread::DETACHED, thread->getState());
     EXPECT_EQ(pthread_t(0), thread->getToken());
     EXPECT_EQ(0u, thread->getSignalCount());
@@ -183,7 +107,7 @@ TEST(HvThread, NewThreadIsDetachedWithoutTokenAndTheProcessExists)
 
 TEST(HvThread, SignalTwiceThenWaitReturnsAtOnceAndConsumesBoth)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     thread->signal();
     thread->signal();
     EXPECT_EQ(2u, thread->getSignalCount());
@@ -205,7 +129,7 @@ TEST(HvThread, SignalTwiceThenWaitReturnsAtOnceAndConsumesBoth)
 
 TEST(HvThread, SignalBeforeWaitIsNotLost)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     thread->signal();
     auto start = std::chrono::steady_clock::now();
     thread->wait(HvThread::kNoTimeout);
@@ -215,7 +139,7 @@ TEST(HvThread, SignalBeforeWaitIsNotLost)
 
 TEST(HvThread, WaitOnExitingThreadReturnsAtOnceWithoutTouchingTheCounter)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     thread->terminate();
     ASSERT_EQ(HvThread::EXITING, thread->getState());
     thread->signal();
@@ -229,22 +153,22 @@ TEST(HvThread, WaitOnExitingThreadReturnsAtOnceWithoutTouchingTheCounter)
 
 TEST(HvThread, TerminateSignalsOnlyAStartedThread)
 {
-    HvHandle<LambdaThread> detached(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> detached(new hvtest::LambdaThread);
     detached->terminate();
     EXPECT_EQ(0u, detached->getSignalCount());
 
-    HvHandle<LambdaThread> running(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> running(new hvtest::LambdaThread);
     running->setState(HvThread::RUNNING);
     running->terminate();
     EXPECT_EQ(HvThread::EXITING, running->getState());
     EXPECT_EQ(1u, running->getSignalCount());
 
-    HvHandle<LambdaThread> blocked(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> blocked(new hvtest::LambdaThread);
     blocked->setState(HvThread::BLOCKED);
     blocked->terminate();
     EXPECT_EQ(1u, blocked->getSignalCount());
 
-    HvHandle<LambdaThread> initializing(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> initializing(new hvtest::LambdaThread);
     initializing->setState(HvThread::INITIALIZING);
     initializing->terminate();
     EXPECT_EQ(0u, initializing->getSignalCount());
@@ -252,30 +176,24 @@ TEST(HvThread, TerminateSignalsOnlyAStartedThread)
 
 TEST(HvThread, DeadlineCarriesNanosecondsIntoTheNextSecond)
 {
-    struct timeval now = {100, 500000};
-    struct timespec deadline = HvThread::sComputeDeadline(now, 999);
-    EXPECT_EQ(101, deadline.tv_sec);
-    EXPECT_EQ(499000000, deadline.tv_nsec);
-
-    now = {100, 0};
-    deadline = HvThread::sComputeDeadline(now, 1500);
-    EXPECT_EQ(101, deadline.tv_sec);
-    EXPECT_EQ(500000000, deadline.tv_nsec);
-
-    now = {100, 999999};
-    deadline = HvThread::sComputeDeadline(now, 0);
-    EXPECT_EQ(100, deadline.tv_sec);
-    EXPECT_EQ(999999000, deadline.tv_nsec);
-
-    now = {100, 1};
-    deadline = HvThread::sComputeDeadline(now, 999);
-    EXPECT_EQ(100, deadline.tv_sec);
-    EXPECT_EQ(999001000, deadline.tv_nsec);
-
-    now = {7, 999999};
-    deadline = HvThread::sComputeDeadline(now, 4294967294u);
-    EXPECT_EQ(7 + 4294967 + 1, deadline.tv_sec);
-    EXPECT_EQ(293999000, deadline.tv_nsec);
+    struct Case {
+        struct timeval now;
+        unsigned int milliseconds;
+        long seconds;
+        long nanoseconds;
+    };
+    const Case cases[] = {
+        {{100, 500000}, 999, 101, 499000000},
+        {{100, 0}, 1500, 101, 500000000},
+        {{100, 999999}, 0, 100, 999999000},
+        {{100, 1}, 999, 100, 999001000},
+        {{7, 999999}, 4294967294u, 7 + 4294967 + 1, 293999000},
+    };
+    for (const Case& c : cases) {
+        struct timespec deadline = HvThread::sComputeDeadline(c.now, c.milliseconds);
+        EXPECT_EQ(c.seconds, deadline.tv_sec) << c.now.tv_sec << "." << c.now.tv_usec << " + " << c.milliseconds;
+        EXPECT_EQ(c.nanoseconds, deadline.tv_nsec) << c.now.tv_sec << "." << c.now.tv_usec << " + " << c.milliseconds;
+    }
 }
 
 TEST(HvThread, ForkedThreadRunsRegisteredAndLeavesTheTable)
@@ -284,15 +202,15 @@ TEST(HvThread, ForkedThreadRunsRegisteredAndLeavesTheTable)
     std::atomic<bool> sawRegistered{false};
     std::atomic<int> stateInRun{-1};
     std::atomic<bool> tokenIsSelf{false};
-    ASSERT_TRUE(waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
-    HvHandle<LambdaThread> thread(new LambdaThread([&](LambdaThread& self) {
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread([&](hvtest::LambdaThread& self) {
         sawItself = HvThread::sGetByToken(HvThread::sGetCurrentThreadToken()) == &self;
         sawRegistered = HvThread::sGetCurrentRegistered() == &self;
         stateInRun = self.getState();
         tokenIsSelf = pthread_equal(self.getToken(), pthread_self()) != 0;
     }));
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
     EXPECT_EQ(1, thread->runCount.load());
     EXPECT_TRUE(sawItself);
     EXPECT_TRUE(sawRegistered);
@@ -306,37 +224,37 @@ TEST(HvThread, ForkedThreadRunsRegisteredAndLeavesTheTable)
 
 TEST(HvThread, TerminateWakesABlockedThreadWhoseRunThenEnds)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread(&waitUntilTerminated));
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread(&waitUntilTerminated));
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
     EXPECT_EQ(thread.get(), HvThread::sGetByToken(thread->getToken()));
     thread->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
 }
 
 TEST(HvThread, SignalWakesAThreadWaitingWithoutTimeOut)
 {
     std::atomic<int> wakeUps{0};
-    HvHandle<LambdaThread> thread(new LambdaThread([&](LambdaThread& self) {
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread([&](hvtest::LambdaThread& self) {
         while (self.getState() != HvThread::EXITING) {
             self.wait(HvThread::kNoTimeout);
             wakeUps.fetch_add(1);
         }
     }));
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
     thread->signal();
-    ASSERT_TRUE(waitUntil([&] { return wakeUps.load() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return wakeUps.load() == 1; }));
     thread->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
     EXPECT_EQ(2, wakeUps.load());
 }
 
 TEST(HvThread, TerminateOnADetachedThreadMakesForkFail)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     thread->terminate();
-    AssertionRecorder recorder;
+    hvtest::AssertionScope recorder;
     try {
         thread->fork();
         FAIL() << "fork() of a terminated thread must fail";
@@ -347,21 +265,19 @@ TEST(HvThread, TerminateOnADetachedThreadMakesForkFail)
         EXPECT_STREQ("HvThread", failure->getFile());
         EXPECT_EQ(644u, failure->getLine());
     }
-    std::vector<AssertionRecord> records = recorder.records();
+    std::vector<hvtest::AssertionRecord> records = hvtest::recordedAssertions();
     ASSERT_EQ(1u, records.size());
-    EXPECT_EQ("HvThread::fork() on already running thread", records[0].text);
-    EXPECT_EQ("HvThread", records[0].file);
-    EXPECT_EQ(644, records[0].line);
+    hvtest::expectAssertion(records[0], "HvThread::fork() on already running thread", "HvThread", 644);
     EXPECT_EQ(0, thread->runCount.load());
     EXPECT_EQ(HvThread::EXITING, thread->getState());
 }
 
 TEST(HvThread, SecondForkOfARunningThreadFails)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread(&waitUntilTerminated));
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread(&waitUntilTerminated));
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
-    AssertionRecorder recorder;
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
+    hvtest::AssertionScope recorder;
     try {
         thread->fork();
         FAIL() << "second fork() must fail";
@@ -370,26 +286,26 @@ TEST(HvThread, SecondForkOfARunningThreadFails)
         EXPECT_NE(nullptr, dynamic_cast<HvAssertionFailure*>(e.get()));
     }
     thread->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
     EXPECT_EQ(1, thread->runCount.load());
 }
 
 TEST(HvThread, ThreadWhoseRunReturnedCanBeForkedAgain)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return thread->runCount.load() == 2 && ended(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->runCount.load() == 2 && hvtest::hasEnded(thread.get()); }));
 }
 
 TEST(HvThread, ThreadTerminatedBeforeMainReachesRunNeverRuns)
 {
     // main() run directly on this thread stands for a thread whose start was
     // overtaken by its termination.
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     thread->terminate();
-    ASSERT_TRUE(waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
     thread->main();
     EXPECT_EQ(0, thread->runCount.load());
     EXPECT_EQ(HvThread::DETACHED, thread->getState());
@@ -401,14 +317,14 @@ TEST(HvThread, UnownedThreadIsDeletedWhenItsThreadEnds)
 {
     int before = fs_destroyed.load();
     std::atomic<bool> release{false};
-    CountedThread* thread = new CountedThread([&](LambdaThread&) {
+    CountedThread* thread = new CountedThread([&](hvtest::LambdaThread&) {
         while (!release.load())
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     });
     thread->fork();
     EXPECT_EQ(before, fs_destroyed.load());
     release = true;
-    ASSERT_TRUE(waitUntil([&] { return fs_destroyed.load() == before + 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return fs_destroyed.load() == before + 1; }));
 }
 
 TEST(HvThread, ObjectOutlivesItsThreadWhileAHandleHoldsIt)
@@ -417,9 +333,9 @@ TEST(HvThread, ObjectOutlivesItsThreadWhileAHandleHoldsIt)
     {
         HvHandle<CountedThread> thread(new CountedThread);
         thread->fork();
-        ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+        ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
         // The thread's own reference goes at the very end of main().
-        ASSERT_TRUE(waitUntil([&] { return thread->getRefCount() == 1; }));
+        ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getRefCount() == 1; }));
         EXPECT_EQ(before, fs_destroyed.load());
     }
     EXPECT_EQ(before + 1, fs_destroyed.load());
@@ -427,41 +343,27 @@ TEST(HvThread, ObjectOutlivesItsThreadWhileAHandleHoldsIt)
 
 TEST(HvThread, HvExceptionEscapingRunIsWrittenToTheDebugStream)
 {
-    HvByteArrayOutputStream sink(0);
-    HvErrorStream* stream = new HvErrorStream(&sink);
-    stream->AddRef();
-    stream->setDebugMode(HvString(HvException::sDebugToken));
-    HvErrorStream* previous = HvErrorStream::sSetDefault(stream);
-
-    HvHandle<LambdaThread> thread(new LambdaThread([](LambdaThread&) { HvException::sThrow("boom"); }));
+    hvtest::DebugOutputCapture debug;
+    HvHandle<hvtest::LambdaThread> thread(
+        new hvtest::LambdaThread([](hvtest::LambdaThread&) { HvException::sThrow("boom"); }));
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
-    EXPECT_EQ("catch exception in HvThread::block(): boom\n", text(sink));
-
-    HvErrorStream::sSetDefault(previous);
-    stream->Release(true);
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
+    EXPECT_EQ("catch exception in HvThread::block(): boom\n", debug.text());
 }
 
 TEST(HvThread, StdExceptionEscapingRunDoesNotEndTheProcess)
 {
-    HvByteArrayOutputStream sink(0);
-    HvErrorStream* stream = new HvErrorStream(&sink);
-    stream->AddRef();
-    stream->setDebugMode(HvString(HvException::sDebugToken));
-    HvErrorStream* previous = HvErrorStream::sSetDefault(stream);
-
-    HvHandle<LambdaThread> thread(new LambdaThread([](LambdaThread&) { throw std::runtime_error("plain"); }));
+    hvtest::DebugOutputCapture debug;
+    HvHandle<hvtest::LambdaThread> thread(
+        new hvtest::LambdaThread([](hvtest::LambdaThread&) { throw std::runtime_error("plain"); }));
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
-    EXPECT_EQ("catch exception in HvThread::block(): plain\n", text(sink));
-
-    HvErrorStream::sSetDefault(previous);
-    stream->Release(true);
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
+    EXPECT_EQ("catch exception in HvThread::block(): plain\n", debug.text());
 }
 
 TEST(HvThread, BlockIsNotImplemented)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     try {
         thread->block();
         FAIL() << "block() must throw";
@@ -472,43 +374,44 @@ TEST(HvThread, BlockIsNotImplemented)
 
 TEST(HvThread, DisplayWritesObjectTokenAndStateName)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread);
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     HvByteArrayOutputStream object(0);
     thread->HvObject::display(object, true);
     HvByteArrayOutputStream out(0);
     thread->display(out);
-    EXPECT_EQ(text(object) + "\t0\tDETACHED\n", text(out));
+    EXPECT_EQ(hvtest::textOf(object) + "\t0\tDETACHED\n", hvtest::textOf(out));
 
     thread->terminate();
     HvByteArrayOutputStream exiting(0);
     thread->display(exiting);
-    EXPECT_EQ(text(object) + "\t0\tEXITING\n", text(exiting));
+    EXPECT_EQ(hvtest::textOf(object) + "\t0\tEXITING\n", hvtest::textOf(exiting));
 }
 
 TEST(HvThread, DisplayThreadsListsEveryRegisteredThread)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread(&waitUntilTerminated));
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread(&waitUntilTerminated));
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
     HvByteArrayOutputStream out(0);
     HvThread::sDisplayThreads(out);
     std::string line = "\t" + std::to_string(static_cast<unsigned long>(thread->getToken())) + "\tBLOCKED\n";
-    EXPECT_NE(std::string::npos, text(out).find(line)) << text(out);
+    EXPECT_NE(std::string::npos, hvtest::textOf(out).find(line)) << hvtest::textOf(out);
     thread->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
 }
 
 TEST(HvThread, TraceScopesAndDebugLinesOfALifecycle)
 {
     Velmora::LogCapture capture("ferrowind.hv.HvThread");
-    HvHandle<LambdaThread> thread(new LambdaThread(&waitUntilTerminated));
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread(&waitUntilTerminated));
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
     thread->signal();
-    ASSERT_TRUE(waitUntil([&] { return thread->getState() == HvThread::BLOCKED && thread->getSignalCount() == 0; }));
+    ASSERT_TRUE(
+        hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED && thread->getSignalCount() == 0; }));
     thread->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
-    ASSERT_TRUE(waitUntil([&] { return capture.contains("HvThread Exiting main"); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return capture.contains("HvThread Exiting main"); }));
 
     std::vector<Velmora::LogRecord> records = capture.records();
     auto find = [&](const std::string& message) {
@@ -543,7 +446,7 @@ TEST(HvThread, TraceScopesAndDebugLinesOfALifecycle)
 
 TEST(HvThread, WaitUntilDoneWithAnEmptyTableReturnsTrueAtOnce)
 {
-    ASSERT_TRUE(waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
     Velmora::LogCapture capture("ferrowind.hv.HvThread");
     auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(HvThread::sWaitUntilDone());
@@ -557,20 +460,20 @@ TEST(HvThread, WaitUntilDoneWithAnEmptyTableReturnsTrueAtOnce)
 
 TEST(HvThread, ShutdownIsNotCompletedWhileAThreadRuns)
 {
-    HvHandle<LambdaThread> thread(new LambdaThread(&waitUntilTerminated));
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread(&waitUntilTerminated));
     thread->fork();
     EXPECT_FALSE(HvThread::sIsShutdownCompleted());
-    ASSERT_TRUE(waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
     EXPECT_FALSE(HvThread::sIsShutdownCompleted());
     thread->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
-    ASSERT_TRUE(waitUntil([] { return HvThread::sIsShutdownCompleted(); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sIsShutdownCompleted(); }));
 }
 
 TEST(HvThread, ProcessStyleConstructorTracesItsOwnName)
 {
     Velmora::LogCapture capture("ferrowind.hv.HvThread");
-    HvHandle<ProcessStyleThread> thread(new ProcessStyleThread);
+    HvHandle<hvtest::ProcessStyleThread> thread(new hvtest::ProcessStyleThread);
     EXPECT_TRUE(capture.contains("ENTER: HvThread::HvThread(HvThread *)"));
     EXPECT_TRUE(capture.contains("ENTER: HvThread::initialize"));
     EXPECT_EQ(HvThread::DETACHED, thread->getState());
@@ -580,7 +483,7 @@ TEST(HvThread, TerminateRacingWaitNeverLosesTheStopRequest)
 {
     // terminate() arriving at any point of wait() must still end the loop.
     for (int round = 0; round < 200; ++round) {
-        HvHandle<LambdaThread> thread(new LambdaThread([round](LambdaThread& self) {
+        HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread([round](hvtest::LambdaThread& self) {
             while (self.getState() != HvThread::EXITING)
                 self.wait(round % 2 ? HvThread::kNoTimeout : 1);
         }));
@@ -588,22 +491,22 @@ TEST(HvThread, TerminateRacingWaitNeverLosesTheStopRequest)
         if (round % 3 == 0)
             std::this_thread::yield();
         thread->terminate();
-        ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); })) << "round " << round;
+        ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); })) << "round " << round;
     }
 }
 
 TEST(HvThread, ManyThreadsStartAndStopConcurrently)
 {
-    std::vector<HvHandle<LambdaThread>> threads;
+    std::vector<HvHandle<hvtest::LambdaThread>> threads;
     for (int i = 0; i < 16; ++i) {
-        threads.push_back(HvHandle<LambdaThread>(new LambdaThread(&waitUntilTerminated)));
+        threads.push_back(HvHandle<hvtest::LambdaThread>(new hvtest::LambdaThread(&waitUntilTerminated)));
         threads.back()->fork();
     }
-    ASSERT_TRUE(waitUntil([] { return HvThread::sGetThreadCount() == 16; }));
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 16; }));
     for (auto& thread : threads)
         thread->terminate();
     for (auto& thread : threads)
-        ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+        ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
     EXPECT_EQ(0u, HvThread::sGetThreadCount());
 }
 
@@ -611,13 +514,7 @@ TEST(HvThread, RealTimeSchedulingRunsRoundRobinOrReportsTheRefusal)
 {
     std::atomic<int> policy{-1};
     std::atomic<int> priority{-1};
-    HvHandle<LambdaThread> thread(new LambdaThread([&](LambdaThread&) {
-        int p = 0;
-        struct sched_param param;
-        pthread_getschedparam(pthread_self(), &p, &param);
-        priority = param.sched_priority;
-        policy = p;
-    }));
+    HvHandle<hvtest::LambdaThread> thread = schedulingProbe(policy, priority);
     HvThread::sm_bRealTimeScheduling = true;
     bool forked = false;
     try {
@@ -635,7 +532,7 @@ TEST(HvThread, RealTimeSchedulingRunsRoundRobinOrReportsTheRefusal)
     }
     HvThread::sm_bRealTimeScheduling = false;
     if (forked) {
-        ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+        ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
         EXPECT_EQ(SCHED_RR, policy.load());
         EXPECT_EQ((sched_get_priority_max(SCHED_RR) + sched_get_priority_min(SCHED_RR)) / 2, priority.load());
     }
@@ -648,15 +545,9 @@ TEST(HvThread, DefaultSchedulingIsInherited)
     pthread_getschedparam(pthread_self(), &callerPolicy, &callerParam);
     std::atomic<int> policy{-1};
     std::atomic<int> priority{-1};
-    HvHandle<LambdaThread> thread(new LambdaThread([&](LambdaThread&) {
-        int p = 0;
-        struct sched_param param;
-        pthread_getschedparam(pthread_self(), &p, &param);
-        priority = param.sched_priority;
-        policy = p;
-    }));
+    HvHandle<hvtest::LambdaThread> thread = schedulingProbe(policy, priority);
     thread->fork();
-    ASSERT_TRUE(waitUntil([&] { return ended(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
     EXPECT_EQ(callerPolicy, policy.load());
     EXPECT_EQ(callerParam.sched_priority, priority.load());
 }

@@ -1,10 +1,9 @@
 #include <HvUtil/HvTokenTable.h>
 
-#include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvMutex.h>
 
-#include <Velmora/MemAllocator.h>
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
@@ -17,22 +16,9 @@
 
 namespace {
 
-std::atomic<int> fs_destroyed{0};
-
-// A value that records its destruction.
-class Counted : public HvObject {
-public:
-    explicit Counted(int id = 0) : m_id(id) {}
-    ~Counted() override { ++fs_destroyed; }
-    int id() const { return m_id; }
-
-private:
-    int m_id;
-};
-
 int idOf(const HvHandle<HvObject>& value)
 {
-    Counted* counted = dynamic_cast<Counted*>(value.get());
+    hvtest::CountedValue* counted = dynamic_cast<hvtest::CountedValue*>(value.get());
     return counted ? counted->id() : -1;
 }
 
@@ -51,22 +37,6 @@ std::vector<unsigned int> tokensInOrder(HvTokenTable& table)
     return tokens;
 }
 
-template <class F>
-std::string messageOf(F f)
-{
-    try {
-        f();
-    } catch (HvHandle<HvException>& e) {
-        return e->getMessage().c_str();
-    }
-    return "<no exception>";
-}
-
-long liveMutexes()
-{
-    return Velmora::allocationStats("HvMutex").liveCount;
-}
-
 } // namespace
 
 // Every test must give back the stripe lock it made.
@@ -75,10 +45,10 @@ protected:
     void SetUp() override
     {
         HvMutex::sInitialize();
-        fs_destroyed = 0;
-        m_mutexes = liveMutexes();
+        hvtest::CountedValue::sDestroyed = 0;
+        m_mutexes = hvtest::liveCount("HvMutex");
     }
-    void TearDown() override { EXPECT_EQ(m_mutexes, liveMutexes()) << "stripe locks leaked"; }
+    void TearDown() override { EXPECT_EQ(m_mutexes, hvtest::liveCount("HvMutex")) << "stripe locks leaked"; }
 
     long m_mutexes = 0;
 };
@@ -87,8 +57,8 @@ protected:
 
 TEST_F(HvTokenTableTest, PutSameTokenTwiceReturnsFirstValue)
 {
-    HvHandle<Counted> first(new Counted(1));
-    HvHandle<Counted> second(new Counted(2));
+    HvHandle<hvtest::CountedValue> first(new hvtest::CountedValue(1));
+    HvHandle<hvtest::CountedValue> second(new hvtest::CountedValue(2));
     HvTokenTable table;
     EXPECT_TRUE(table.put(42, first.get()).isNull());
     HvHandle<HvObject> previous = table.put(42, second.get());
@@ -99,7 +69,7 @@ TEST_F(HvTokenTableTest, PutSameTokenTwiceReturnsFirstValue)
 
 TEST_F(HvTokenTableTest, PutTakesOneReferenceOnTheValue)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     {
         HvTokenTable table;
         table.put(1, value.get());
@@ -108,13 +78,13 @@ TEST_F(HvTokenTableTest, PutTakesOneReferenceOnTheValue)
         EXPECT_EQ(3, value->getRefCount());
     }
     EXPECT_EQ(1, value->getRefCount());
-    EXPECT_EQ(0, fs_destroyed);
+    EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvTokenTableTest, ReplaceReleasesTheOldValue)
 {
-    HvHandle<Counted> oldValue(new Counted(1));
-    HvHandle<Counted> newValue(new Counted(2));
+    HvHandle<hvtest::CountedValue> oldValue(new hvtest::CountedValue(1));
+    HvHandle<hvtest::CountedValue> newValue(new hvtest::CountedValue(2));
     HvTokenTable table;
     table.put(9, oldValue.get());
     HvHandle<HvObject> previous = table.put(9, newValue.get());
@@ -127,7 +97,7 @@ TEST_F(HvTokenTableTest, ReplaceReleasesTheOldValue)
 
 TEST_F(HvTokenTableTest, ReplaceWithTheSameValueKeepsOneReference)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvTokenTable table;
     table.put(3, value.get());
     EXPECT_EQ(value.get(), table.put(3, value.get()).get());
@@ -138,20 +108,20 @@ TEST_F(HvTokenTableTest, ReplaceWithTheSameValueKeepsOneReference)
 TEST_F(HvTokenTableTest, ReplacedValueHeldOnlyByTheTableDiesWithTheReturnedHandle)
 {
     HvTokenTable table;
-    table.put(5, new Counted(1));
-    HvHandle<HvObject> previous = table.put(5, new Counted(2));
+    table.put(5, new hvtest::CountedValue(1));
+    HvHandle<HvObject> previous = table.put(5, new hvtest::CountedValue(2));
     EXPECT_EQ(1, idOf(previous));
-    EXPECT_EQ(0, fs_destroyed);
+    EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
     previous = HvHandle<HvObject>();
-    EXPECT_EQ(1, fs_destroyed);
+    EXPECT_EQ(1, hvtest::CountedValue::sDestroyed);
     EXPECT_EQ(2, idOf(table.get(5)));
 }
 
 TEST_F(HvTokenTableTest, TokenZeroAndTheLargestTokenAreOrdinaryKeys)
 {
     HvTokenTable table;
-    table.put(0, new Counted(10));
-    table.put(0xFFFFFFFFu, new Counted(20));
+    table.put(0, new hvtest::CountedValue(10));
+    table.put(0xFFFFFFFFu, new hvtest::CountedValue(20));
     EXPECT_EQ(10, idOf(table.get(0)));
     EXPECT_EQ(20, idOf(table.get(0xFFFFFFFFu)));
     EXPECT_TRUE(table.containsKey(0));
@@ -163,7 +133,7 @@ TEST_F(HvTokenTableTest, TokenZeroAndTheLargestTokenAreOrdinaryKeys)
 
 TEST_F(HvTokenTableTest, GetHandsOutAHandleWithoutTakingTheTablesReference)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvTokenTable table;
     table.put(8, value.get());
     {
@@ -178,7 +148,7 @@ TEST_F(HvTokenTableTest, GetHandsOutAHandleWithoutTakingTheTablesReference)
 TEST_F(HvTokenTableTest, ContainsKeyTellsPresence)
 {
     HvTokenTable table;
-    table.put(100, new Counted);
+    table.put(100, new hvtest::CountedValue);
     EXPECT_TRUE(table.containsKey(100));
     EXPECT_FALSE(table.containsKey(201));
     EXPECT_FALSE(table.containsKey(99));
@@ -186,11 +156,11 @@ TEST_F(HvTokenTableTest, ContainsKeyTellsPresence)
 
 TEST_F(HvTokenTableTest, ContainsIsNotImplemented)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvTokenTable table;
     table.put(1, value.get());
-    EXPECT_EQ("Not implemented!", messageOf([&] { table.contains(value.get()); }));
-    EXPECT_EQ("Not implemented!", messageOf([&] { table.contains(nullptr); }));
+    EXPECT_EQ("Not implemented!", hvtest::messageOf([&] { table.contains(value.get()); }));
+    EXPECT_EQ("Not implemented!", hvtest::messageOf([&] { table.contains(nullptr); }));
     EXPECT_EQ(2, value->getRefCount());
     EXPECT_EQ(1u, table.getCount());
 }
@@ -198,14 +168,7 @@ TEST_F(HvTokenTableTest, ContainsIsNotImplemented)
 TEST_F(HvTokenTableTest, ContainsThrowsAPlainHvException)
 {
     HvTokenTable table;
-    try {
-        table.contains(nullptr);
-        FAIL() << "no exception";
-    } catch (HvHandle<HvException>& e) {
-        ASSERT_FALSE(e.isNull());
-        EXPECT_STREQ("HvException", e->getClassName());
-        EXPECT_STREQ("Not implemented!", e->getMessage().c_str());
-    }
+    hvtest::expectPlainHvException([&] { table.contains(nullptr); }, "Not implemented!");
 }
 
 // ---------------------------------------------------------------- null values
@@ -221,7 +184,7 @@ TEST_F(HvTokenTableTest, NullValueStoresTheToken)
 
 TEST_F(HvTokenTableTest, NullValueCanBeReplacedBothWays)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvTokenTable table;
     table.put(7, nullptr);
     EXPECT_TRUE(table.put(7, value.get()).isNull());
@@ -239,16 +202,16 @@ TEST_F(HvTokenTableTest, NullValueCanBeReplacedBothWays)
 
 TEST_F(HvTokenTableTest, RemoveReleasesOneReferenceOnTheValue)
 {
-    HvHandle<Counted> held(new Counted);
+    HvHandle<hvtest::CountedValue> held(new hvtest::CountedValue);
     HvTokenTable table;
     table.put(1, held.get());
-    table.put(2, new Counted);
+    table.put(2, new hvtest::CountedValue);
     EXPECT_TRUE(table.remove(1));
     EXPECT_EQ(1, held->getRefCount());
-    EXPECT_EQ(0, fs_destroyed);
+    EXPECT_EQ(0, hvtest::CountedValue::sDestroyed);
     // A value held only by the table is destroyed.
     EXPECT_TRUE(table.remove(2));
-    EXPECT_EQ(1, fs_destroyed);
+    EXPECT_EQ(1, hvtest::CountedValue::sDestroyed);
     EXPECT_EQ(0u, table.getCount());
 }
 
@@ -256,45 +219,45 @@ TEST_F(HvTokenTableTest, RemoveOfAnAbsentTokenIsFalse)
 {
     HvTokenTable table;
     EXPECT_FALSE(table.remove(1));
-    table.put(1, new Counted);
+    table.put(1, new hvtest::CountedValue);
     EXPECT_FALSE(table.remove(102));
     EXPECT_TRUE(table.remove(1));
     EXPECT_FALSE(table.remove(1));
-    EXPECT_EQ(1, fs_destroyed);
+    EXPECT_EQ(1, hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvTokenTableTest, ClearReleasesEverythingAndTheTableStaysUsable)
 {
-    HvHandle<Counted> held(new Counted);
+    HvHandle<hvtest::CountedValue> held(new hvtest::CountedValue);
     HvTokenTable table;
     table.put(1000, held.get());
     for (unsigned int token = 0; token < 60; ++token)
-        table.put(token, new Counted(static_cast<int>(token)));
+        table.put(token, new hvtest::CountedValue(static_cast<int>(token)));
     table.put(2000, nullptr);
     EXPECT_EQ(62u, table.getCount());
     table.clear();
     EXPECT_EQ(0u, table.getCount());
-    EXPECT_EQ(60, fs_destroyed);
+    EXPECT_EQ(60, hvtest::CountedValue::sDestroyed);
     EXPECT_EQ(1, held->getRefCount());
     EXPECT_TRUE(tokensInOrder(table).empty());
-    table.put(3, new Counted);
+    table.put(3, new hvtest::CountedValue);
     EXPECT_TRUE(table.containsKey(3));
     table.clear();
     table.clear();
-    EXPECT_EQ(61, fs_destroyed);
+    EXPECT_EQ(61, hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvTokenTableTest, DestructionReleasesEveryValue)
 {
-    HvHandle<Counted> held(new Counted);
+    HvHandle<hvtest::CountedValue> held(new hvtest::CountedValue);
     {
         HvTokenTable table;
         table.put(1, held.get());
-        table.put(2, new Counted);
+        table.put(2, new hvtest::CountedValue);
         table.put(3, nullptr);
-        table.put(104, new Counted);
+        table.put(104, new hvtest::CountedValue);
     }
-    EXPECT_EQ(2, fs_destroyed);
+    EXPECT_EQ(2, hvtest::CountedValue::sDestroyed);
     EXPECT_EQ(1, held->getRefCount());
 }
 
@@ -302,31 +265,31 @@ TEST_F(HvTokenTableTest, TableHeldByHandleReleasesEverythingWithTheLastHandle)
 {
     {
         HvHandle<HvTokenTable> table(new HvTokenTable(7));
-        table->put(1, new Counted);
-        table->put(8, new Counted);
+        table->put(1, new hvtest::CountedValue);
+        table->put(8, new hvtest::CountedValue);
         EXPECT_EQ(7u, table->getBucketCount());
         EXPECT_EQ(2u, table->getCount());
     }
-    EXPECT_EQ(2, fs_destroyed);
+    EXPECT_EQ(2, hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvTokenTableTest, TokenTableUsesOneStripeLock)
 {
-    long before = liveMutexes();
+    long before = hvtest::liveCount("HvMutex");
     {
         HvTokenTable table;
-        EXPECT_EQ(before + 1, liveMutexes());
+        EXPECT_EQ(before + 1, hvtest::liveCount("HvMutex"));
         HvTokenTable sized(13);
-        EXPECT_EQ(before + 2, liveMutexes());
+        EXPECT_EQ(before + 2, hvtest::liveCount("HvMutex"));
     }
-    EXPECT_EQ(before, liveMutexes());
+    EXPECT_EQ(before, hvtest::liveCount("HvMutex"));
 }
 
 // ---------------------------------------------------------------- mAdd
 
 TEST_F(HvTokenTableTest, MAddOfAnEqualEntryReturnsTheStoredOne)
 {
-    HvHandle<Counted> value(new Counted);
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue);
     HvTokenTable table;
     table.put(77, value.get());
     TokenEntry probe{77, nullptr};
@@ -354,8 +317,8 @@ TEST_F(HvTokenTableTest, IteratingAnEmptyTableEndsAtOnce)
 TEST_F(HvTokenTableTest, IterationGoesInBucketOrder)
 {
     HvTokenTable table;
-    table.put(100, new Counted(100));
-    table.put(5, new Counted(5));
+    table.put(100, new hvtest::CountedValue(100));
+    table.put(5, new hvtest::CountedValue(5));
     HvTokenTable::Iterator walk(table);
     ASSERT_TRUE(walk.hasNext());
     ASSERT_NE(nullptr, walk.next());
@@ -406,7 +369,7 @@ TEST_F(HvTokenTableTest, ResetRestartsTheWalk)
 
 TEST_F(HvTokenTableTest, KeysAndElementsWalkTheSameEntries)
 {
-    HvHandle<Counted> value(new Counted(4));
+    HvHandle<hvtest::CountedValue> value(new hvtest::CountedValue(4));
     HvTokenTable table;
     table.put(4, value.get());
     table.put(40, nullptr);
@@ -427,7 +390,7 @@ TEST_F(HvTokenTableTest, RemovingTheEntryJustReturnedIsSafe)
     HvTokenTable table;
     // Long chains: every token below 505 lands in one of 101 buckets.
     for (unsigned int token = 0; token < 505; token += 3)
-        table.put(token, new Counted(static_cast<int>(token)));
+        table.put(token, new hvtest::CountedValue(static_cast<int>(token)));
     unsigned int stored = table.getCount();
     HvTokenTable::Iterator walk(table);
     unsigned int seen = 0;
@@ -439,7 +402,7 @@ TEST_F(HvTokenTableTest, RemovingTheEntryJustReturnedIsSafe)
     }
     EXPECT_EQ(stored, seen);
     EXPECT_EQ(0u, table.getCount());
-    EXPECT_EQ(static_cast<int>(stored), fs_destroyed);
+    EXPECT_EQ(static_cast<int>(stored), hvtest::CountedValue::sDestroyed);
 }
 
 TEST_F(HvTokenTableTest, RehashChangesNothing)
@@ -458,7 +421,7 @@ TEST_F(HvTokenTableTest, GetCountFollowsPutRemoveAndClear)
     for (unsigned int token = 0; token < 10; ++token)
         table.put(token, nullptr);
     EXPECT_EQ(10u, table.getCount());
-    table.put(4, new Counted);
+    table.put(4, new hvtest::CountedValue);
     EXPECT_EQ(10u, table.getCount());
     table.remove(4);
     table.remove(4);
@@ -472,14 +435,9 @@ TEST_F(HvTokenTableTest, GetCountFollowsPutRemoveAndClear)
 TEST_F(HvTokenTableTest, DisplayWritesOnlyTheClassName)
 {
     HvTokenTable table;
-    table.put(1, new Counted);
+    table.put(1, new hvtest::CountedValue);
     table.put(2, nullptr);
-    HvByteArrayOutputStream out(0);
-    table.display(out);
-    HvHandle<HvByteArray> bytes = out.toByteArray();
-    ASSERT_FALSE(bytes.isNull());
-    EXPECT_EQ("HvTokenTable\n",
-              std::string(reinterpret_cast<const char*>(bytes->getData()), bytes->getSize()));
+    EXPECT_EQ("HvTokenTable\n", hvtest::displayOf(table));
 }
 
 // ---------------------------------------------------------------- threads
@@ -495,7 +453,7 @@ TEST_F(HvTokenTableTest, TwoThreadsLeakNothing)
             try {
                 for (int round = 0; round < 150; ++round) {
                     for (unsigned int token = base; token < base + 40; ++token) {
-                        Counted* value = new Counted(round);
+                        hvtest::CountedValue* value = new hvtest::CountedValue(round);
                         ++created;
                         table.put(token, value);
                         if (table.get(token).get() != value)
@@ -506,7 +464,7 @@ TEST_F(HvTokenTableTest, TwoThreadsLeakNothing)
                     // Shared tokens.
                     for (unsigned int token = 5000; token < 5015; ++token) {
                         ++created;
-                        table.put(token, new Counted(round));
+                        table.put(token, new hvtest::CountedValue(round));
                         table.get(token);
                         if (round % 2 == 0)
                             table.remove(token);
@@ -522,11 +480,11 @@ TEST_F(HvTokenTableTest, TwoThreadsLeakNothing)
         b.join();
         EXPECT_EQ(0, failures.load());
         EXPECT_EQ(0, wrongValues.load());
-        EXPECT_EQ(created.load() - static_cast<int>(table.getCount()), fs_destroyed.load());
+        EXPECT_EQ(created.load() - static_cast<int>(table.getCount()), hvtest::CountedValue::sDestroyed.load());
         table.clear();
-        EXPECT_EQ(created.load(), fs_destroyed.load());
+        EXPECT_EQ(created.load(), hvtest::CountedValue::sDestroyed.load());
     }
-    EXPECT_EQ(created.load(), fs_destroyed.load());
+    EXPECT_EQ(created.load(), hvtest::CountedValue::sDestroyed.load());
 }
 
 TEST(HvTokenTable, IsNotCopyableBecauseACopyWouldNotHoldItsValues)

@@ -5,13 +5,13 @@
 #include <HvUtil/HvStringBuffer.h>
 #include <HvUtil/HvThreadPool.h>
 
-#include <Velmora/Assertion.h>
 #include <Velmora/LogCapture.h>
+
+#include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -20,29 +20,7 @@
 
 namespace {
 
-class DefaultScheduling : public ::testing::Environment {
-public:
-    void SetUp() override { HvThread::sm_bRealTimeScheduling = false; }
-};
-::testing::Environment* const fs_environment = ::testing::AddGlobalTestEnvironment(new DefaultScheduling);
-
-template <class Predicate>
-bool waitUntil(Predicate predicate, int timeoutMs = 10000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return predicate();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-bool ended(HvThread* thread)
-{
-    return thread->getState() == HvThread::DETACHED && thread->getToken() != 0 &&
-           HvThread::sGetByToken(thread->getToken()) != thread;
-}
+::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
 // Records what it was notified with, and on which thread.
 class RecordingObserver : public HvObserver {
@@ -72,38 +50,6 @@ public:
     std::thread::id m_thread;
 };
 
-struct AssertionRecord {
-    std::string text;
-    std::string file;
-    int line;
-};
-std::mutex fs_assertionMutex;
-std::vector<AssertionRecord> fs_assertions;
-void recordAssertion(const char* text, const char* file, int line)
-{
-    std::lock_guard<std::mutex> lock(fs_assertionMutex);
-    fs_assertions.push_back(AssertionRecord{text ? text : "", file ? file : "", line});
-}
-size_t assertionCount()
-{
-    std::lock_guard<std::mutex> lock(fs_assertionMutex);
-    return fs_assertions.size();
-}
-
-class AssertionRecorder {
-public:
-    AssertionRecorder()
-    {
-        std::lock_guard<std::mutex> lock(fs_assertionMutex);
-        fs_assertions.clear();
-        m_previous = Velmora::Assertion::sSetHandler(&recordAssertion);
-    }
-    ~AssertionRecorder() { Velmora::Assertion::sSetHandler(m_previous); }
-
-private:
-    Velmora::Assertion::Handler m_previous;
-};
-
 } // namespace
 
 TEST(HvWorkerThread, NewWorkerHasNoWorkAndKeepsItsPool)
@@ -123,11 +69,11 @@ TEST(HvWorkerThread, DeliversAnObserverNotificationOnItsOwnThread)
     HvHandle<HvObject> object(new HvObject);
     HvHandle<HvWorkerThread> worker(new HvWorkerThread(nullptr));
     worker->fork();
-    ASSERT_TRUE(waitUntil([&] { return worker->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return worker->getState() == HvThread::BLOCKED; }));
 
     worker->doObserverNotifications(observer.get(), object.get());
     EXPECT_EQ(HvWorkerThread::kObserverNotification, worker->getKind());
-    ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 1; }));
     {
         std::lock_guard<std::mutex> lock(observer->m_mutex);
         EXPECT_EQ(nullptr, observer->m_source);
@@ -135,10 +81,10 @@ TEST(HvWorkerThread, DeliversAnObserverNotificationOnItsOwnThread)
         EXPECT_NE(std::this_thread::get_id(), observer->m_thread);
     }
     // The worker lets go of what it delivered.
-    ASSERT_TRUE(waitUntil([&] { return object->getRefCount() == 1 && observer->getRefCount() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return object->getRefCount() == 1 && observer->getRefCount() == 1; }));
 
     worker->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(worker.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(worker.get()); }));
 }
 
 TEST(HvWorkerThread, DeliversASourceNotificationThroughTheSource)
@@ -152,22 +98,22 @@ TEST(HvWorkerThread, DeliversASourceNotificationThroughTheSource)
 
     worker->doSourceNotifications(source.get(), object.get());
     EXPECT_EQ(HvWorkerThread::kSourceNotification, worker->getKind());
-    ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 1; }));
     {
         std::lock_guard<std::mutex> lock(observer->m_mutex);
         EXPECT_EQ(source.get(), observer->m_source);
         EXPECT_EQ(object.get(), observer->m_object);
         EXPECT_NE(std::this_thread::get_id(), observer->m_thread);
     }
-    ASSERT_TRUE(waitUntil([&] { return object->getRefCount() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return object->getRefCount() == 1; }));
     worker->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(worker.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(worker.get()); }));
     source->detachObserver(observer);
 }
 
 TEST(HvWorkerThread, HvExceptionOutsideShutdownIsLoggedAsErrorAssertedAndSurvived)
 {
-    AssertionRecorder recorder;
+    hvtest::AssertionScope recorder;
     Velmora::LogCapture capture("ferrowind.hv.HvWorkerThread");
     HvHandle<RecordingObserver> observer(new RecordingObserver);
     observer->m_behaviour = RecordingObserver::THROW_HV;
@@ -175,44 +121,40 @@ TEST(HvWorkerThread, HvExceptionOutsideShutdownIsLoggedAsErrorAssertedAndSurvive
     worker->fork();
 
     worker->doObserverNotifications(observer.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return assertionCount() == 1; }));
-    {
-        std::lock_guard<std::mutex> lock(fs_assertionMutex);
-        EXPECT_EQ("false", fs_assertions[0].text);
-        EXPECT_EQ("HvWorkerThread", fs_assertions[0].file);
-        EXPECT_EQ(91, fs_assertions[0].line);
-    }
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::assertionCount() == 1; }));
+    std::vector<hvtest::AssertionRecord> assertions = hvtest::recordedAssertions();
+    hvtest::expectAssertion(assertions[0], "false", "HvWorkerThread", 91);
     std::vector<Velmora::LogRecord> records = capture.records();
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ("Catched a HvException in HvWorkerThread::run(): observer failed", records[0].message);
     EXPECT_EQ(40000, records[0].level);
 
     // The worker is still there and takes the next job.
-    ASSERT_TRUE(waitUntil([&] { return worker->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return worker->getState() == HvThread::BLOCKED; }));
     observer->m_behaviour = RecordingObserver::RECORD;
     worker->doObserverNotifications(observer.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 2; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 2; }));
     worker->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(worker.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(worker.get()); }));
 }
 
 TEST(HvWorkerThread, OtherExceptionsDoNotEndTheWorkerEither)
 {
-    AssertionRecorder recorder;
+    hvtest::AssertionScope recorder;
     Velmora::LogCapture capture("ferrowind.hv.HvWorkerThread");
     HvHandle<RecordingObserver> observer(new RecordingObserver);
     observer->m_behaviour = RecordingObserver::THROW_STD;
     HvHandle<HvWorkerThread> worker(new HvWorkerThread(nullptr));
     worker->fork();
     worker->doObserverNotifications(observer.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return assertionCount() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::assertionCount() == 1; }));
     EXPECT_TRUE(capture.contains("Catched a HvException in HvWorkerThread::run(): plain failure"));
     observer->m_behaviour = RecordingObserver::RECORD;
-    ASSERT_TRUE(waitUntil([&] { return worker->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return worker->getState() == HvThread::BLOCKED; }));
     worker->doObserverNotifications(observer.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return observer->m_calls.load() == 2; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 2; }));
     worker->terminate();
-    ASSERT_TRUE(waitUntil([&] { return ended(worker.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(worker.get()); }));
 }
 
 TEST(HvWorkerThread, WorkerOfAPoolGoesBackToItAfterTheJob)
@@ -224,7 +166,7 @@ TEST(HvWorkerThread, WorkerOfAPoolGoesBackToItAfterTheJob)
     EXPECT_EQ(&pool, worker->getPool());
     EXPECT_EQ(0, pool.getAvailableCount());
     worker->doObserverNotifications(observer.get(), nullptr);
-    ASSERT_TRUE(waitUntil([&] { return pool.getAvailableCount() == 1; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return pool.getAvailableCount() == 1; }));
     EXPECT_EQ(1, observer->m_calls.load());
     EXPECT_EQ(1, pool.getThreadCount());
     EXPECT_EQ(0, pool.getBusyCount());
@@ -237,9 +179,9 @@ TEST(HvWorkerThread, TerminatedIdleWorkerRemovesItselfFromItsPool)
     ASSERT_NE(nullptr, worker);
     pool.makeAvailable(worker);
     ASSERT_EQ(1, pool.getThreadCount());
-    ASSERT_TRUE(waitUntil([&] { return worker->getState() == HvThread::BLOCKED; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return worker->getState() == HvThread::BLOCKED; }));
     worker->terminate();
-    ASSERT_TRUE(waitUntil([&] { return pool.getThreadCount() == 0; }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return pool.getThreadCount() == 0; }));
     EXPECT_EQ(0, pool.getAvailableCount());
-    ASSERT_TRUE(waitUntil([&] { return ended(worker); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(worker); }));
 }
