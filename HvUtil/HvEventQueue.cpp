@@ -65,8 +65,10 @@ HvEventQueue::~HvEventQueue()
     sem_destroy(&m_usedSlots);
     if (m_pWriteLock)
         HvMutex::sDestroy(m_pWriteLock);
+    // By place in the ring, not by position in the array (sPlaceOf()
+    // spreads neighbouring places over the array).
     for (unsigned int index = kCapacity; index-- > 0;)
-        delete m_ring[index].exchange(nullptr, std::memory_order_acquire);
+        delete m_ring[sPlaceOf(index)].exchange(nullptr, std::memory_order_acquire);
 }
 
 void HvEventQueue::addItem(HvBaseEvent* event)

@@ -3,7 +3,6 @@
 
 #include <Velmora/Net.h>
 #include <Velmora/MemAllocator.h>
-#include <Velmora/Singleton.h>
 
 #include <ace/Object_Manager.h>
 
@@ -13,6 +12,17 @@ std::atomic<HvProcess*> HvProcess::sm_pTheOneAndOnly{nullptr};
 
 // Two first callers of sGetCurrent() must not both build an instance.
 static std::mutex fs_creationMutex;
+
+namespace {
+
+// At-exit clean-up: gives back the reference sGetCurrent() took, so that the
+// instance goes unless a handle still holds it, and goes only once.
+void releaseProcess(void* object, void*)
+{
+    static_cast<HvProcess*>(object)->Release(true);
+}
+
+} // namespace
 
 HvProcess::HvProcess()
     : HvThread(nullptr)
@@ -43,7 +53,11 @@ HvProcess* HvProcess::sGetCurrent()
     if (process)
         return process;
     process = new HvProcess;
-    ACE_Object_Manager::at_exit(process, &Velmora::deleteCleanupFunc<HvProcess>, nullptr, "HvProcess");
+    // The instance owns one reference on itself until exit: a handle made on
+    // it (notifying observers makes one, for instance) must never be the
+    // last one and delete it under the program.
+    process->AddRef();
+    ACE_Object_Manager::at_exit(process, &releaseProcess, nullptr, "HvProcess");
     return process;
 }
 

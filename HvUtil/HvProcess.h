@@ -18,8 +18,10 @@ public:
     HvProcess();
     ~HvProcess() override;
 
-    // The instance; the first call creates it and registers its deletion
-    // with the ACE object manager's at-exit list.
+    // The instance; the first call creates it, takes one reference on it and
+    // registers the release of that reference with the ACE object manager's
+    // at-exit list, so that it is deleted at exit (or when the last handle
+    // still held then goes).
     static HvProcess* sGetCurrent();
 
     // The main thread's body: sleeps until the first signal().

@@ -18,10 +18,12 @@
 #include <exception>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 std::atomic<bool> HvThread::sm_bRealTimeScheduling{true};
 HvTokenTable* HvThread::sm_pThreadTable = nullptr;
+std::atomic<void (*)(HvThread*)> HvThread::sm_pDetachedHook{nullptr};
 
 static std::atomic<bool> fs_bShutDown{false};
 static std::atomic<int> fs_threadNum{0};
@@ -36,6 +38,9 @@ static std::mutex fs_tableMutex;
 static std::atomic<HvThread::ShutdownHookFunction> fs_shutdownHooks[HvThread::SHUTDOWN_HOOK_COUNT];
 // The calling thread's own object while main() has it registered.
 static thread_local HvThread* fs_pCurrentThread = nullptr;
+// True while the calling thread runs the main() of a fork(), so that it is
+// one of fs_liveThreads.
+static thread_local bool fs_bCurrentIsLive = false;
 
 namespace {
 
@@ -73,6 +78,15 @@ std::vector<HvHandle<HvThread>> snapshotThreads()
             threads.push_back(HvHandle<HvThread>(thread));
     }
     return threads;
+}
+
+// Table key of every registered thread id, so that ids folding to the same
+// key never share an entry. Guarded by fs_tableMutex. Never destroyed: a
+// detached thread may still leave the table while the program exits.
+std::unordered_map<pthread_t, unsigned int>& tableKeys()
+{
+    static std::unordered_map<pthread_t, unsigned int>* keys = new std::unordered_map<pthread_t, unsigned int>;
+    return *keys;
 }
 
 } // namespace
@@ -125,6 +139,11 @@ void HvThread::initialize()
     if (!sm_pThreadTable) {
         sm_pThreadTable = new HvTokenTable;
         sm_pThreadTable->AddRef();
+        // Thread bodies write failures to the default error stream, whose
+        // creation is not guarded against two first callers: it is made
+        // here, on the thread that builds the process object or the first
+        // thread object, before any thread is forked.
+        HvErrorStream::sGetDefault();
     }
 }
 
@@ -163,13 +182,13 @@ void HvThread::fork()
     // The new thread owns a reference until main() ends, so that the object
     // outlives its thread whatever the creator does with its own handles.
     AddRef();
-    m_bForkReference = true;
+    m_bForkReference.store(true, std::memory_order_relaxed);
     fs_liveThreads.fetch_add(1, std::memory_order_relaxed);
     pthread_t token;
     int result = pthread_create(&token, &attr, HvThread_StartProc, this);
     if (result != 0) {
         fs_liveThreads.fetch_sub(1, std::memory_order_relaxed);
-        m_bForkReference = false;
+        m_bForkReference.store(false, std::memory_order_relaxed);
         Release(false);
         check(result, "pthread_create");
     }
@@ -180,10 +199,15 @@ void HvThread::fork()
 
 void HvThread::main()
 {
-    const bool forkReference = m_bForkReference;
+    // Taken over once: the reference belongs to this run only.
+    const bool forkReference = m_bForkReference.exchange(false, std::memory_order_acq_rel);
     {
         Velmora::TraceScope trace(logger(), "HvThread::main", kSource, __LINE__);
+        const bool wasLive = fs_bCurrentIsLive;
+        if (forkReference)
+            fs_bCurrentIsLive = true;
         mMain(forkReference);
+        fs_bCurrentIsLive = wasLive;
     }
     // Nothing of the library is used after this.
     if (forkReference)
@@ -194,8 +218,11 @@ void HvThread::mMain(bool forkReference)
 {
     const bool isProcess = this == HvProcess::sm_pTheOneAndOnly.load();
 
-    // The creator's pthread_create may not have stored the id yet.
-    setToken(pthread_self());
+    // The creator's pthread_create may not have stored the id yet. This run
+    // leaves the table by its own id: once the state is DETACHED the object
+    // may be forked again, and the new run stores its id here.
+    const pthread_t token = pthread_self();
+    setToken(token);
     if (!isProcess) {
         sAddThread(this);
         fs_pCurrentThread = this;
@@ -215,6 +242,7 @@ void HvThread::mMain(bool forkReference)
             logTrace("Invoking run", __LINE__);
             try {
                 run();
+                logTrace("1", __LINE__);
             } catch (HvHandle<HvException>& e) {
                 HvOutputStream* out =
                     HvErrorStream::sGetDefault()->getDebugStream(HvString(HvException::sDebugToken), 0);
@@ -228,7 +256,6 @@ void HvThread::mMain(bool forkReference)
                     HvErrorStream::sGetDefault()->getDebugStream(HvString(HvException::sDebugToken), 0);
                 *out << "catch exception in HvThread::block(): " << e.what() << endl;
             }
-            logTrace("1", __LINE__);
         }
     }
 
@@ -242,7 +269,9 @@ void HvThread::mMain(bool forkReference)
     if (!isProcess) {
         logTrace("this != HvProcess::sm_pTheOneAndOnly", __LINE__);
         fs_pCurrentThread = nullptr;
-        sRemoveThread(this);
+        if (void (*hook)(HvThread*) = sm_pDetachedHook.load())
+            hook(this);
+        mRemoveThread(this, token);
     }
 
     if (fs_bShutDown.load(std::memory_order_relaxed) && !isProcess) {
@@ -394,12 +423,12 @@ HvThread* HvThread::sGetByToken(pthread_t token)
     {
         std::lock_guard<std::mutex> lock(fs_tableMutex);
         if (sm_pThreadTable) {
+            std::unordered_map<pthread_t, unsigned int>::const_iterator found = tableKeys().find(token);
+            if (found == tableKeys().end())
+                return nullptr;
             // The table keeps its reference, so the object outlives this handle.
-            HvHandle<HvObject> value = sm_pThreadTable->get(sKeyOf(token));
-            HvThread* thread = dynamic_cast<HvThread*>(value.get());
-            if (thread && thread->getToken() != token)
-                thread = nullptr;
-            return thread;
+            HvHandle<HvObject> value = sm_pThreadTable->get(found->second);
+            return dynamic_cast<HvThread*>(value.get());
         }
     }
     return HvProcess::sGetCurrent();
@@ -412,28 +441,53 @@ HvThread* HvThread::sGetCurrentRegistered()
 
 void HvThread::sAddThread(HvThread* thread)
 {
+    // Released after the lock: it may be the last reference.
+    HvHandle<HvObject> replaced;
     std::lock_guard<std::mutex> lock(fs_tableMutex);
     if (!sm_pThreadTable) {
         sm_pThreadTable = new HvTokenTable;
         sm_pThreadTable->AddRef();
     }
-    sm_pThreadTable->put(sKeyOf(thread->getToken()), thread);
+    const pthread_t token = thread->getToken();
+    unsigned int key;
+    std::unordered_map<pthread_t, unsigned int>::const_iterator found = tableKeys().find(token);
+    if (found != tableKeys().end()) {
+        // The same thread id again: its entry now names this object.
+        key = found->second;
+    } else {
+        // Another live thread may hold the key this id folds to: the next
+        // free one is taken, so that no two threads share an entry.
+        key = sKeyOf(token);
+        while (sm_pThreadTable->containsKey(key))
+            ++key;
+        tableKeys().emplace(token, key);
+    }
+    replaced = sm_pThreadTable->put(key, thread);
 }
 
 void HvThread::sRemoveThread(HvThread* thread)
+{
+    mRemoveThread(thread, thread->getToken());
+}
+
+void HvThread::mRemoveThread(HvThread* thread, pthread_t token)
 {
     // Released after the lock: it may be the last reference.
     HvHandle<HvObject> removed;
     std::lock_guard<std::mutex> lock(fs_tableMutex);
     if (!sm_pThreadTable)
         return;
-    unsigned int key = sKeyOf(thread->getToken());
-    removed = sm_pThreadTable->get(key);
+    std::unordered_map<pthread_t, unsigned int>::iterator found = tableKeys().find(token);
+    if (found == tableKeys().end())
+        return;
+    removed = sm_pThreadTable->get(found->second);
     // Only the thread's own entry goes.
-    if (removed.get() == thread)
-        sm_pThreadTable->remove(key);
-    else
+    if (removed.get() == thread) {
+        sm_pThreadTable->remove(found->second);
+        tableKeys().erase(found);
+    } else {
         removed = HvHandle<HvObject>();
+    }
 }
 
 unsigned int HvThread::sGetThreadCount()
@@ -502,11 +556,17 @@ bool HvThread::sIsShutdownCompleted()
 bool HvThread::sWaitUntilDone()
 {
     Velmora::TraceScope trace(logger(), "HvThread::sWaitUntilDone", kSource, __LINE__);
-    HvProcess* process = HvProcess::sGetCurrent();
+    // Never made here: no thread may be constructed once the shutdown began.
+    HvProcess* process = HvProcess::sm_pTheOneAndOnly.load();
+    // A registered thread waiting for the others cannot wait for itself: it
+    // leaves the table only after this returns.
+    const unsigned int ownEntry = fs_pCurrentThread ? 1 : 0;
+    const int ownLive = fs_bCurrentIsLive ? 1 : 0;
     for (;;) {
-        unsigned int count = sGetThreadCount();
-        int live = fs_liveThreads.load(std::memory_order_acquire);
-        if (count == 0 && live == 0)
+        const unsigned int tableSize = sGetThreadCount();
+        const unsigned int count = tableSize > ownEntry ? tableSize - ownEntry : 0;
+        const int live = fs_liveThreads.load(std::memory_order_acquire) - ownLive;
+        if (count == 0 && live <= 0)
             break;
         if (count == 0) {
             // Threads about to register or finishing main(): a matter of
@@ -516,10 +576,10 @@ bool HvThread::sWaitUntilDone()
             continue;
         }
         if (logger().isEnabledFor(Velmora::Logger::DEBUG))
-            logDebug("Waiting 100ms for HvProcess. Thread table size = " + std::to_string(count), 268);
-        if (process->getState() == EXITING) {
-            // A terminated process object does not sleep in wait(): pause
-            // here instead of spinning.
+            logDebug("Waiting 100ms for HvProcess. Thread table size = " + std::to_string(tableSize), 268);
+        if (!process || process->getState() == EXITING) {
+            // Without a process object, or with a terminated one that does
+            // not sleep in wait(): pause here instead of spinning.
             struct timespec pause = {0, 100 * 1000 * 1000};
             nanosleep(&pause, nullptr);
         } else {

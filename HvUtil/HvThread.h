@@ -96,7 +96,9 @@ public:
     // Table maintenance; the table holds one reference on each thread.
     static void sAddThread(HvThread* thread);
     static void sRemoveThread(HvThread* thread);
-    // Creates the thread table once.
+    // Creates the thread table once; the first call also makes the default
+    // error stream, before any thread is forked, so that threads never race
+    // to create it.
     static void initialize();
     // Number of threads in the table (0 without a table).
     static unsigned int sGetThreadCount();
@@ -111,8 +113,10 @@ public:
     // HvThread may be constructed afterwards), terminates every registered
     // thread but the process, then runs the installed shutdown hooks in slot
     // order. sAsyncShutdown: only that. sWaitUntilDone: waits on the process
-    // object in rounds of at most 100 ms until no thread is registered or
-    // starting or finishing; true when done. sShutdown: initiate, then wait.
+    // object (or sleeps, when there is none) in rounds of at most 100 ms
+    // until no thread is registered or starting or finishing; a registered
+    // thread that calls it does not wait for itself. True when done.
+    // sShutdown: initiate, then wait.
     static void sShutdown();
     static void sInitiateShutdown();
     static void sAsyncShutdown();
@@ -159,6 +163,11 @@ public:
     // reference is never released. Guarded by the module's table lock.
     static HvTokenTable* sm_pThreadTable;
 
+    // Test seam, null unless a test installs one: called on a forked thread
+    // near the end of main(), after it has set DETACHED and before it leaves
+    // the thread table, the moment from which the object may be forked again.
+    static std::atomic<void (*)(HvThread*)> sm_pDetachedHook;
+
 protected:
     // For threads that will be forked; makes sure the process object exists.
     // Raises Velmora::Assertion "!fs_bShutDown" after shutdown began.
@@ -174,8 +183,12 @@ protected:
     virtual void onMainExit();
 
 private:
-    // Table key of a thread id: pthread_t is wider than the table's token.
+    // First table key tried for a thread id: pthread_t is wider than the
+    // table's token, so two ids may fold to one key; registration then takes
+    // the next free one.
     static unsigned int sKeyOf(pthread_t token);
+    // Removes the entry registered for `token` if it is `thread`'s.
+    static void mRemoveThread(HvThread* thread, pthread_t token);
     void initializeWaiting();
     // The steps of main(); forkReference tells whether fork() took the
     // reference that is given back at the end.
@@ -186,8 +199,10 @@ private:
     unsigned int m_signals;
     mutable pthread_mutex_t m_waitMutex;
     pthread_cond_t m_wakeup;
-    // Set by fork() when it takes the reference that main() gives back.
-    bool m_bForkReference;
+    // Set by fork() when it takes the reference that main() gives back;
+    // main() takes it over and clears it, so that a later direct call of
+    // main() gives back nothing.
+    std::atomic<bool> m_bForkReference;
 };
 
 #endif

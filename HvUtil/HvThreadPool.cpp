@@ -14,6 +14,9 @@ HvThreadPool::HvThreadPool(HvThread* thread, unsigned int maxThreads)
     : m_maxThreads(static_cast<int>(maxThreads)), m_threadCount(0), m_pLock(HvMutex::sCreate()),
       m_pThread(thread), m_attachedCount(0), m_bClosing(false)
 {
+    // Failures of work done by callers are reported on the default error
+    // stream, from any caller's thread: it is made here, not by two of them.
+    HvErrorStream::sGetDefault();
 }
 
 HvThreadPool::~HvThreadPool()
@@ -80,9 +83,18 @@ void HvThreadPool::mWorkerExited(HvWorkerThread* worker)
     m_workerExited.notify_all();
 }
 
+HvWorkerThread* HvThreadPool::newThread()
+{
+    return new HvWorkerThread(this);
+}
+
 HvWorkerThread* HvThreadPool::createThread()
 {
-    HvWorkerThread* worker = new HvWorkerThread(this);
+    HvWorkerThread* worker = newThread();
+    if (!worker)
+        return nullptr;
+    // Bound before it starts: a worker whose thread ends at once must still
+    // be the pool's to hand out and to wait for.
     attachWorker(worker);
     try {
         worker->fork();
@@ -103,10 +115,15 @@ HvWorkerThread* HvThreadPool::getAvailable()
 {
     {
         HvMutex::Lock lock(m_pLock);
-        if (!m_available.empty()) {
+        while (!m_available.empty()) {
             HvWorkerThread* worker = m_available.back();
             m_available.pop_back();
-            return worker;
+            if (worker->getState() != HvThread::EXITING)
+                return worker;
+            // Terminated while idle: it would never take the job. It would
+            // have counted itself out by remove(), which no longer finds it.
+            if (!HvThread::sShuttingDown())
+                m_threadCount.fetch_sub(1, std::memory_order_relaxed);
         }
         if (m_bClosing)
             return nullptr;
@@ -114,16 +131,8 @@ HvWorkerThread* HvThreadPool::getAvailable()
     if (m_threadCount.load(std::memory_order_relaxed) >= m_maxThreads || HvThread::sShuttingDown())
         return nullptr;
     HvWorkerThread* worker = createThread();
-    if (worker) {
-        bool attached;
-        {
-            HvMutex::Lock lock(m_pLock);
-            attached = mIsAttached(worker);
-        }
-        if (!attached)
-            attachWorker(worker);
+    if (worker)
         m_threadCount.fetch_add(1, std::memory_order_relaxed);
-    }
     return worker;
 }
 
@@ -150,6 +159,12 @@ void HvThreadPool::remove(HvWorkerThread* worker)
     if (found == m_available.end())
         return;
     m_available.erase(found);
+    m_threadCount.fetch_sub(1, std::memory_order_relaxed);
+}
+
+void HvThreadPool::mCountOut(HvWorkerThread*)
+{
+    HvMutex::Lock lock(m_pLock);
     m_threadCount.fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -185,14 +200,15 @@ void HvThreadPool::doObserverNotifications(HvObserver* observer, HvObject* objec
 
 namespace {
 
-// Written through a temporary error stream's debug stream: it only appears
-// where that stream has the exception debug mode set.
+// Written to the exception debug stream of the default error stream, like the
+// failures that end a thread's run(): it appears where that stream has the
+// exception debug mode set. Dropped silently during shutdown, when sources
+// and sockets are being closed under the work.
 void reportCaught(const char* message)
 {
     if (HvThread::sShuttingDown())
         return;
-    HvErrorStream stream(nullptr);
-    *stream.getDebugStream(HvString(HvException::sDebugToken), 0)
+    *HvErrorStream::sGetDefault()->getDebugStream(HvString(HvException::sDebugToken), 0)
         << "catch exception in HvThreadPool::mDoItYourSelf(): " << message << endl;
 }
 
@@ -201,9 +217,10 @@ void reportCaught(const char* message)
 void HvThreadPool::mDoItYourSelf(unsigned int kind, HvObservable* source, HvObserver* observer, HvObject* object)
 {
     try {
-        if (kind == HvWorkerThread::kSourceNotification)
+        // Work without its source or observer is skipped, as on a worker.
+        if (kind == HvWorkerThread::kSourceNotification && source)
             source->notifyObservers(HvHandle<HvObject>(object));
-        else if (kind == HvWorkerThread::kObserverNotification)
+        else if (kind == HvWorkerThread::kObserverNotification && observer)
             observer->onNotification(HvHandle<HvObservable>(), HvHandle<HvObject>(object));
     } catch (HvHandle<HvException>& e) {
         reportCaught(e.isNull() ? "" : e->getMessage().c_str());

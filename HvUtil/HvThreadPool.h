@@ -30,14 +30,16 @@ public:
     HvThreadPool(const HvThreadPool&) = delete;
     HvThreadPool& operator=(const HvThreadPool&) = delete;
 
-    // Makes a new worker bound to this pool, forks it and returns it; it is
-    // not put among the idle ones. An override builds an HvWorkerThread (or
-    // subclass) with this pool, calls attachWorker() and then forks it.
-    // Throws what fork() throws.
-    virtual HvWorkerThread* createThread();
+    // Makes a new worker through newThread(), binds it to this pool and only
+    // then forks it, so that the pool holds it whenever its thread ends;
+    // returns it without putting it among the idle ones. Throws what fork()
+    // throws. Not virtual: a pool that makes its own kind of worker
+    // overrides newThread().
+    HvWorkerThread* createThread();
 
     // The most recently idle worker, else a new one while fewer than the
-    // limit exist and the system is not shutting down, else null.
+    // limit exist and the system is not shutting down, else null. A worker
+    // that was terminated while idle is dropped, never handed out.
     HvWorkerThread* getAvailable();
     // Puts the worker back among the idle ones; nothing during shutdown.
     void makeAvailable(HvWorkerThread* worker);
@@ -63,12 +65,18 @@ public:
     HvThread* getThread() const { return m_pThread; }
 
 protected:
-    // Binds a new worker to this pool before it is forked: the pool keeps a
-    // reference on it until the pool is destroyed, and waits for it then.
-    void attachWorker(HvWorkerThread* worker);
+    // Constructs, without starting it, a worker bound to this pool (its
+    // constructor given this pool). Default: a plain HvWorkerThread.
+    virtual HvWorkerThread* newThread();
 
 private:
     friend class HvWorkerThread;
+    // Binds a new worker to this pool before it is forked: the pool keeps a
+    // reference on it until the pool is destroyed, and waits for it then.
+    void attachWorker(HvWorkerThread* worker);
+    // Counts out a worker that was terminated while busy and so never came
+    // back among the idle ones (remove() only finds idle workers).
+    void mCountOut(HvWorkerThread* worker);
     // Called by a worker's thread when it ends: it no longer uses the pool.
     void mWorkerExited(HvWorkerThread* worker);
     bool mIsAttached(HvWorkerThread* worker) const;

@@ -61,6 +61,7 @@ void HvWorkerThread::doObserverNotifications(HvObserver* observer, HvObject* obj
 
 void HvWorkerThread::run()
 {
+    bool terminatedWhileBusy = false;
     for (;;) {
         wait(kNoTimeout);
         if (getState() == EXITING)
@@ -86,11 +87,21 @@ void HvWorkerThread::run()
         // on this thread): there is nothing to go back to.
         if (m_bLetGo)
             break;
+        // Terminated during the job: back among the idle ones it could be
+        // handed the next job, which it would never do.
+        if (getState() == EXITING) {
+            terminatedWhileBusy = true;
+            break;
+        }
         if (m_pPool)
             m_pPool->makeAvailable(this);
     }
-    if (m_pPool && !sShuttingDown())
-        m_pPool->remove(this);
+    if (m_pPool && !sShuttingDown()) {
+        if (terminatedWhileBusy)
+            m_pPool->mCountOut(this);
+        else
+            m_pPool->remove(this);
+    }
 }
 
 void HvWorkerThread::onMainExit()

@@ -26,6 +26,7 @@ public:
     void doObserverNotifications(HvObserver* observer, HvObject* object);
 
     // Until terminated: waits for work, delivers it, goes back to the pool.
+    // A worker terminated during a job does not go back: it ends after it.
     // An HvException thrown by the work is logged on "ferrowind.hv.HvWorkerThread"
     // as "Catched a HvException in HvWorkerThread::run(): " and the message:
     // at debug level while the system shuts down, otherwise at error level

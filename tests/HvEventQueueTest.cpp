@@ -33,6 +33,8 @@ void settle()
 // Records every destruction by id, so that double deletions show.
 std::mutex fs_deletedMutex;
 std::multiset<int> fs_deleted;
+// The same destructions in the order they happened.
+std::vector<int> fs_deletionOrder;
 
 class TestEvent : public HvBaseEvent {
 public:
@@ -41,6 +43,7 @@ public:
     {
         std::lock_guard<std::mutex> lock(fs_deletedMutex);
         fs_deleted.insert(m_id);
+        fs_deletionOrder.push_back(m_id);
     }
     int m_id;
     int m_producer;
@@ -50,6 +53,13 @@ void clearDeleted()
 {
     std::lock_guard<std::mutex> lock(fs_deletedMutex);
     fs_deleted.clear();
+    fs_deletionOrder.clear();
+}
+
+std::vector<int> deletionOrder()
+{
+    std::lock_guard<std::mutex> lock(fs_deletedMutex);
+    return fs_deletionOrder;
 }
 
 std::multiset<int> deleted()
@@ -235,6 +245,36 @@ TEST(HvEventQueue, DestroyingAQueueDeletesEachHeldEventOnce)
     ASSERT_EQ(20u, gone.size());
     for (int id = 0; id < 20; ++id)
         EXPECT_EQ(1u, gone.count(id)) << id;
+}
+
+TEST(HvEventQueue, DestroyingAQueueDeletesTheHeldEventsFromTheLastPlaceToTheFirst)
+{
+    clearDeleted();
+    {
+        HvEventQueue queue(HvEventQueue::UNLOCKED);
+        // Places 0 to 19 in ring order.
+        for (int id = 0; id < 20; ++id)
+            queue.addItem(new TestEvent(id));
+    }
+    std::vector<int> expected;
+    for (int id = 19; id >= 0; --id)
+        expected.push_back(id);
+    EXPECT_EQ(expected, deletionOrder());
+
+    clearDeleted();
+    {
+        HvEventQueue queue(HvEventQueue::LOCKED);
+        // Places 4090 to 4095 hold ids 0 to 5, places 0 to 3 ids 6 to 9:
+        // the last place of the ring comes first, whatever went in first.
+        for (int id = 0; id < 4090; ++id)
+            queue.addItem(new TestEvent(-1));
+        for (int id = 0; id < 4090; ++id)
+            delete queue.getItem();
+        clearDeleted();
+        for (int id = 0; id < 10; ++id)
+            queue.addItem(new TestEvent(id));
+    }
+    EXPECT_EQ((std::vector<int>{5, 4, 3, 2, 1, 0, 9, 8, 7, 6}), deletionOrder());
 }
 
 TEST(HvEventQueue, LockedQueueTakesTwoProducersWithoutLossAndInProducerOrder)

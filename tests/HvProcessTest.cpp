@@ -118,3 +118,28 @@ TEST(HvProcess, RunSleepsUntilTheFirstSignal)
     EXPECT_EQ(HvThread::RUNNING, process->getState());
     waker.join();
 }
+
+TEST(HvProcess, HandlesOnTheProcessNeverDeleteIt)
+{
+    HvProcess* process = HvProcess::sGetCurrent();
+    // The instance holds one reference on itself until exit.
+    EXPECT_EQ(1, process->getRefCount());
+    {
+        HvHandle<HvProcess> handle(process);
+        EXPECT_EQ(2, process->getRefCount());
+    }
+    EXPECT_EQ(process, HvProcess::sm_pTheOneAndOnly.load());
+    EXPECT_EQ(1, Velmora::allocationStats("HvProcess").liveCount);
+    // Notifying makes a handle on the source too.
+    HvHandle<hvtest::NoteTakingObserver> observer(new hvtest::NoteTakingObserver);
+    process->attachObserver(observer);
+    process->notifyObservers(HvHandle<HvObject>());
+    process->detachObserver(observer);
+    ASSERT_EQ(1u, observer->notes.size());
+    EXPECT_EQ(process, observer->notes[0].sender);
+    EXPECT_EQ(process, HvProcess::sm_pTheOneAndOnly.load());
+    EXPECT_EQ(1, Velmora::allocationStats("HvProcess").liveCount);
+    EXPECT_EQ(1, process->getRefCount());
+    // The program then ends normally: the at-exit clean-up gives back the
+    // instance's own reference, and nothing deletes it twice.
+}

@@ -44,7 +44,36 @@ public:
     std::atomic<std::thread::id> m_thread;
 };
 
+// Everything a failure of caller-side work could be reported on: the
+// default error stream in exception debug mode and the pool's and the
+// workers' loggers.
+class FailureReports {
+public:
+    FailureReports() : m_pool("ferrowind.hv.HvThreadPool"), m_worker("ferrowind.hv.HvWorkerThread") {}
+    std::string written() const { return m_debug.text(); }
+    std::size_t logged() const { return m_pool.records().size() + m_worker.records().size(); }
+
+private:
+    hvtest::DebugOutputCapture m_debug;
+    Velmora::LogCapture m_pool;
+    Velmora::LogCapture m_worker;
+};
+
 } // namespace
+
+// Must run before the shutdown: the same failure is reported outside it.
+TEST(HvShutdownPool, FailureOfWorkDoneByTheCallerIsReportedBeforeShutdown)
+{
+    ASSERT_FALSE(HvThread::sShuttingDown());
+    hvtest::AssertionScope recorder;
+    FailureReports reports;
+    HvHandle<ThrowingObserver> observer(new ThrowingObserver);
+    HvThreadPool pool(nullptr, 0);
+    EXPECT_NO_THROW(pool.doObserverNotifications(observer.get(), nullptr));
+    EXPECT_EQ(1, observer->m_calls.load());
+    EXPECT_EQ("catch exception in HvThreadPool::mDoItYourSelf(): closed under me\n", reports.written());
+    EXPECT_EQ(0u, hvtest::assertionCount());
+}
 
 TEST(HvShutdownPool, ShutdownStopsIdleAndBusyWorkersAndThePoolStopsGrowing)
 {
@@ -98,12 +127,24 @@ TEST(HvShutdownPool, ShutdownStopsIdleAndBusyWorkersAndThePoolStopsGrowing)
 TEST(HvShutdownPool, FailureOfWorkDoneByTheCallerDuringShutdownWritesNothing)
 {
     ASSERT_TRUE(HvThread::sShuttingDown());
+    hvtest::AssertionScope recorder;
+    FailureReports reports;
     HvHandle<ThrowingObserver> observer(new ThrowingObserver);
+    HvHandle<HvObservable> source(new HvObservable);
+    source->attachObserver(observer);
     HvThreadPool pool(nullptr, 1);
     testing::internal::CaptureStderr();
     EXPECT_NO_THROW(pool.mDoItYourSelf(2, nullptr, observer.get(), nullptr));
+    EXPECT_NO_THROW(pool.mDoItYourSelf(1, source.get(), nullptr, nullptr));
+    // No worker is made during shutdown: the caller does it.
     EXPECT_NO_THROW(pool.doObserverNotifications(observer.get(), nullptr));
-    std::string written = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(2, observer->m_calls.load());
-    EXPECT_EQ("", written);
+    EXPECT_NO_THROW(pool.doSourceNotifications(source.get(), nullptr));
+    std::string stderrText = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(4, observer->m_calls.load());
+    EXPECT_EQ(std::this_thread::get_id(), observer->m_thread.load());
+    EXPECT_EQ("", reports.written());
+    EXPECT_EQ(0u, reports.logged());
+    EXPECT_EQ("", stderrText);
+    EXPECT_EQ(0u, hvtest::assertionCount());
+    source->detachObserver(observer);
 }

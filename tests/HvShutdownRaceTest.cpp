@@ -41,8 +41,13 @@ TEST(HvShutdownRace, ThreadsStartedDuringTheShutdownAllEnd)
             }
         });
     }
-    while (forked.load() < 50)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const bool started = hvtest::waitUntil([&] { return forked.load() >= 50; });
+    if (!started) {
+        stop = true;
+        for (std::thread& starter : starters)
+            starter.join();
+    }
+    ASSERT_TRUE(started) << "only " << forked.load() << " threads forked";
 
     HvThread::sInitiateShutdown();
     // Starting goes on for a while after the protocol walked the table.

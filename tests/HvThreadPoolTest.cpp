@@ -85,19 +85,16 @@ public:
 class CountingPool : public HvThreadPool {
 public:
     CountingPool(HvThread* thread, unsigned int maxThreads) : HvThreadPool(thread, maxThreads) {}
-    HvWorkerThread* createThread() override
-    {
-        CountedWorker* worker = new CountedWorker(this);
-        attachWorker(worker);
-        worker->fork();
-        return worker;
-    }
+    HvWorkerThread* newThread() override { return new CountedWorker(this); }
 };
 
 } // namespace
 
 TEST(HvThreadPool, NewPoolHasNoWorkersAndItsOwnLock)
 {
+    // The first pool also makes the default error stream (and the object
+    // mutex pool under it), which stays: counted before.
+    HvErrorStream::sGetDefault();
     long mutexes = Velmora::allocationStats("HvMutex").liveCount;
     {
         HvThreadPool pool(nullptr, 10);
@@ -278,8 +275,7 @@ TEST(HvThreadPool, DoItYourSelfDeliversEachKindOnTheCaller)
 
 TEST(HvThreadPool, ExceptionsFromWorkDoneByTheCallerAreNeverRethrown)
 {
-    // The report goes to a stream of its own that has no debug mode set, so
-    // not even the default error stream in exception mode sees it.
+    // Reported on the default error stream's exception debug stream.
     hvtest::DebugOutputCapture debug;
     HvHandle<GateObserver> observer(new GateObserver);
     HvThreadPool pool(nullptr, 0);
@@ -290,7 +286,91 @@ TEST(HvThreadPool, ExceptionsFromWorkDoneByTheCallerAreNeverRethrown)
     observer->m_behaviour = GateObserver::THROW_OTHER;
     EXPECT_NO_THROW(pool.mDoItYourSelf(2, nullptr, observer.get(), nullptr));
     EXPECT_EQ(3, observer->m_calls.load());
+    EXPECT_EQ("catch exception in HvThreadPool::mDoItYourSelf(): observer failed\n"
+              "catch exception in HvThreadPool::mDoItYourSelf(): plain failure\n"
+              "catch exception in HvThreadPool::mDoItYourSelf(): Unknown Exception\n",
+              debug.text());
+}
+
+TEST(HvThreadPool, ExceptionsFromWorkDoneByTheCallerStayOffTheDebugStreamWithoutTheMode)
+{
+    hvtest::DebugOutputCapture debug(false);
+    HvHandle<GateObserver> observer(new GateObserver);
+    observer->m_behaviour = GateObserver::THROW_HV;
+    HvThreadPool pool(nullptr, 0);
+    EXPECT_NO_THROW(pool.mDoItYourSelf(2, nullptr, observer.get(), nullptr));
+    EXPECT_EQ(1, observer->m_calls.load());
     EXPECT_EQ("", debug.text());
+}
+
+TEST(HvThreadPool, NotificationsWithoutSourceOrObserverAreSkippedOnEitherPath)
+{
+    HvHandle<HvObject> object(new HvObject);
+    // On the caller.
+    HvThreadPool none(nullptr, 0);
+    none.mDoItYourSelf(1, nullptr, nullptr, object.get());
+    none.mDoItYourSelf(2, nullptr, nullptr, object.get());
+    none.doSourceNotifications(nullptr, object.get());
+    none.doObserverNotifications(nullptr, object.get());
+    EXPECT_EQ(0, none.getThreadCount());
+    EXPECT_EQ(1, object->getRefCount());
+    // On a worker, which then takes the next job as usual.
+    HvThreadPool pool(nullptr, 1);
+    pool.doSourceNotifications(nullptr, object.get());
+    ASSERT_TRUE(hvtest::waitUntil([&] { return pool.getAvailableCount() == 1; }));
+    pool.doObserverNotifications(nullptr, object.get());
+    ASSERT_TRUE(hvtest::waitUntil([&] { return pool.getAvailableCount() == 1; }));
+    EXPECT_EQ(1, object->getRefCount());
+    HvHandle<GateObserver> observer(new GateObserver);
+    pool.doObserverNotifications(observer.get(), object.get());
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == 1; }));
+    EXPECT_NE(std::this_thread::get_id(), observer->lastThread());
+    EXPECT_EQ(1, pool.getThreadCount());
+}
+
+TEST(HvThreadPool, WorkerTerminatedWhileBusyIsNeverHandedOutAgain)
+{
+    HvHandle<GateObserver> observer(new GateObserver);
+    int handedOutExiting = 0;
+    for (int round = 0; round < 200; ++round) {
+        HvHandle<GateObserver> holding(new GateObserver);
+        holding->m_behaviour = GateObserver::HOLD;
+        HvThreadPool pool(nullptr, 1);
+        HvWorkerThread* busy = pool.getAvailable();
+        ASSERT_NE(nullptr, busy);
+        busy->doObserverNotifications(holding.get(), nullptr);
+        ASSERT_TRUE(hvtest::waitUntil([&] { return holding->m_held.load() == 1; }));
+        busy->terminate();
+        holding->m_release = true;
+        // Take the first worker the pool hands out while the busy one ends.
+        HvWorkerThread* next = nullptr;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!next && std::chrono::steady_clock::now() < deadline)
+            next = pool.getAvailable();
+        ASSERT_NE(nullptr, next) << "round " << round;
+        if (next == busy || next->getState() == HvThread::EXITING)
+            ++handedOutExiting;
+        next->doObserverNotifications(observer.get(), nullptr);
+        ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == round + 1; }))
+            << "job dropped in round " << round;
+        EXPECT_EQ(1, pool.getThreadCount());
+    }
+    EXPECT_EQ(0, handedOutExiting);
+
+    // Work submitted while a terminated worker finishes its job is done by
+    // another worker or by the caller.
+    HvHandle<GateObserver> holding(new GateObserver);
+    holding->m_behaviour = GateObserver::HOLD;
+    HvThreadPool pool(nullptr, 1);
+    HvWorkerThread* busy = pool.getAvailable();
+    busy->doObserverNotifications(holding.get(), nullptr);
+    ASSERT_TRUE(hvtest::waitUntil([&] { return holding->m_held.load() == 1; }));
+    busy->terminate();
+    holding->m_release = true;
+    const int before = observer->m_calls.load();
+    for (int i = 0; i < 50; ++i)
+        pool.doObserverNotifications(observer.get(), nullptr);
+    ASSERT_TRUE(hvtest::waitUntil([&] { return observer->m_calls.load() == before + 50; }));
 }
 
 TEST(HvThreadPool, WorkerExceptionOutsideShutdownIsAssertedAndTheWorkerReturns)
@@ -316,7 +396,7 @@ TEST(HvThreadPool, WorkerExceptionOutsideShutdownIsAssertedAndTheWorkerReturns)
     EXPECT_NE(std::this_thread::get_id(), observer->lastThread());
 }
 
-TEST(HvThreadPool, OverriddenCreateThreadMakesTheWorkersAndThePoolReleasesThem)
+TEST(HvThreadPool, OverriddenFactoryMakesTheWorkersAndThePoolReleasesThem)
 {
     int created = fs_workersCreated.load();
     int destroyed = fs_workersDestroyed.load();
@@ -416,4 +496,58 @@ TEST(HvThreadPool, ManyCallersShareThePoolWithoutLosingWork)
     }
     EXPECT_EQ(2 * perCaller, observer->m_calls.load());
     EXPECT_EQ(1, observer->getRefCount());
+}
+
+namespace {
+
+std::atomic<int> fs_quickDestroyed{0};
+
+// A worker whose thread ends as soon as it starts.
+class QuickWorker : public HvWorkerThread {
+public:
+    explicit QuickWorker(HvThreadPool* pool) : HvWorkerThread(pool) {}
+    ~QuickWorker() override { fs_quickDestroyed.fetch_add(1); }
+    void run() override {}
+};
+
+// Makes workers whose thread ends at once.
+class QuickPool : public HvThreadPool {
+public:
+    explicit QuickPool(unsigned int maxThreads) : HvThreadPool(nullptr, maxThreads) {}
+    HvWorkerThread* newThread() override
+    {
+        ++made;
+        return new QuickWorker(this);
+    }
+    int made = 0;
+};
+
+} // namespace
+
+TEST(HvThreadPool, WorkerMadeByASubclassIsBoundBeforeItStarts)
+{
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sIsShutdownCompleted(); }));
+    int before = fs_quickDestroyed.load();
+    QuickPool* pool = new QuickPool(1);
+    HvWorkerThread* worker = pool->getAvailable();
+    ASSERT_NE(nullptr, worker);
+    EXPECT_EQ(1, pool->made);
+    EXPECT_EQ(1, pool->getThreadCount());
+    // Its thread has ended; the pool still holds the worker.
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(worker); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return worker->getRefCount() == 1; }));
+    EXPECT_EQ(before, fs_quickDestroyed.load());
+    EXPECT_EQ(pool, worker->getPool());
+    std::atomic<bool> destroyed{false};
+    std::thread destroyer([&] {
+        delete pool;
+        destroyed = true;
+    });
+    bool done = hvtest::waitUntil([&] { return destroyed.load(); });
+    if (done)
+        destroyer.join();
+    else
+        destroyer.detach();
+    ASSERT_TRUE(done) << "the pool's destructor waits for a worker that is gone";
+    EXPECT_EQ(before + 1, fs_quickDestroyed.load());
 }

@@ -68,11 +68,18 @@ TEST(HvThread, FirstThreadObjectCreatesTheProcessObject)
 {
     // The first test of this program: nothing has made the process yet.
     ASSERT_EQ(nullptr, HvProcess::sm_pTheOneAndOnly.load());
+    // Nor the default error stream: installing none gives back none.
+    ASSERT_EQ(nullptr, HvErrorStream::sSetDefault(nullptr));
     int before = HvThread::sGetThreadNum();
     HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
     EXPECT_NE(nullptr, HvProcess::sm_pTheOneAndOnly.load());
     // The process object and the thread both count.
     EXPECT_EQ(before + 2, HvThread::sGetThreadNum());
+    // The default error stream, which thread bodies write to from any
+    // thread, was made here, before any thread could be forked.
+    HvErrorStream* made = HvErrorStream::sSetDefault(nullptr);
+    EXPECT_NE(nullptr, made);
+    HvErrorStream::sSetDefault(made);
 }
 
 TEST(HvThread, StateValuesAndDisplayNames)
@@ -550,4 +557,162 @@ TEST(HvThread, DefaultSchedulingIsInherited)
     ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
     EXPECT_EQ(callerPolicy, policy.load());
     EXPECT_EQ(callerParam.sched_priority, priority.load());
+}
+
+TEST(HvThread, ForkingAgainAsSoonAsTheRunEndedKeepsTheNewRunRegistered)
+{
+    // The old run leaves the table after it has set DETACHED; a fork that
+    // comes in between must not lose the new run's entry to it.
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sIsShutdownCompleted(); }));
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread(&waitUntilTerminated));
+    int lost = 0;
+    for (int round = 0; round < 300 && lost == 0; ++round) {
+        thread->fork();
+        ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED; })) << "round " << round;
+        if (HvThread::sGetByToken(thread->getToken()) != thread.get())
+            ++lost;
+        thread->terminate();
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (thread->getState() != HvThread::DETACHED)
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "round " << round;
+    }
+    EXPECT_EQ(0, lost);
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
+    EXPECT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 0; }));
+    EXPECT_TRUE(hvtest::waitUntil([] { return HvThread::sIsShutdownCompleted(); }));
+}
+
+TEST(HvThread, MainCalledDirectlyAfterAForkGivesBackNoReference)
+{
+    int before = fs_destroyed.load();
+    HvHandle<CountedThread> thread(new CountedThread);
+    thread->fork();
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getRefCount() == 1; }));
+    // A second reference, so that a wrong give-back shows as a count
+    // instead of a deletion under the handle.
+    thread->AddRef();
+    thread->main();
+    EXPECT_EQ(2, thread->getRefCount());
+    EXPECT_EQ(before, fs_destroyed.load());
+    EXPECT_EQ(2, thread->runCount.load());
+    if (thread->getRefCount() == 2)
+        thread->Release(true);
+}
+
+TEST(HvThread, ProgressLineOneIsLoggedOnlyWhenRunReturnedNormally)
+{
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sIsShutdownCompleted(); }));
+    hvtest::DebugOutputCapture debug;
+    {
+        Velmora::LogCapture capture("ferrowind.hv.HvThread");
+        HvHandle<hvtest::LambdaThread> thread(
+            new hvtest::LambdaThread([](hvtest::LambdaThread&) { HvException::sThrow("boom"); }));
+        thread->fork();
+        ASSERT_TRUE(hvtest::waitUntil([&] { return capture.contains("EXIT:  HvThread::main"); }));
+        EXPECT_TRUE(capture.contains("Invoking run"));
+        EXPECT_TRUE(capture.contains("3"));
+        EXPECT_FALSE(capture.contains("1"));
+    }
+    EXPECT_EQ("catch exception in HvThread::block(): boom\n", debug.text());
+    {
+        Velmora::LogCapture capture("ferrowind.hv.HvThread");
+        HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread);
+        thread->fork();
+        ASSERT_TRUE(hvtest::waitUntil([&] { return capture.contains("EXIT:  HvThread::main"); }));
+        EXPECT_TRUE(capture.contains("1"));
+    }
+}
+
+namespace {
+
+// A thread whose token the test chooses, to register it by hand.
+class TokenThread : public hvtest::LambdaThread {
+public:
+    explicit TokenThread(pthread_t token) { setToken(token); }
+};
+
+} // namespace
+
+TEST(HvThread, ThreadsWhoseIdsFoldToTheSameKeyAreBothRegistered)
+{
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sIsShutdownCompleted(); }));
+    // Both halves of each id are equal, so both fold to the same 32 bits.
+    const pthread_t first = static_cast<pthread_t>(0x0000000100000001ull);
+    const pthread_t second = static_cast<pthread_t>(0x0000000200000002ull);
+    HvHandle<TokenThread> a(new TokenThread(first));
+    HvHandle<TokenThread> b(new TokenThread(second));
+    HvThread::sAddThread(a.get());
+    HvThread::sAddThread(b.get());
+    EXPECT_EQ(2u, HvThread::sGetThreadCount());
+    EXPECT_EQ(a.get(), HvThread::sGetByToken(first));
+    EXPECT_EQ(b.get(), HvThread::sGetByToken(second));
+    // A third id with that key, not registered, is not found.
+    EXPECT_EQ(nullptr, HvThread::sGetByToken(static_cast<pthread_t>(0x0000000300000003ull)));
+
+    HvThread::sRemoveThread(a.get());
+    EXPECT_EQ(nullptr, HvThread::sGetByToken(first));
+    EXPECT_EQ(b.get(), HvThread::sGetByToken(second));
+    EXPECT_EQ(1u, HvThread::sGetThreadCount());
+    // Registered again after the other left its key: both found again.
+    HvThread::sAddThread(a.get());
+    EXPECT_EQ(a.get(), HvThread::sGetByToken(first));
+    EXPECT_EQ(b.get(), HvThread::sGetByToken(second));
+    HvThread::sRemoveThread(b.get());
+    HvThread::sRemoveThread(a.get());
+    EXPECT_EQ(0u, HvThread::sGetThreadCount());
+    EXPECT_EQ(1, a->getRefCount());
+    EXPECT_EQ(1, b->getRefCount());
+}
+
+namespace {
+
+// Holds the end of one run in the moment between DETACHED and leaving the
+// table, until the test has forked the object again.
+std::atomic<HvThread*> fs_pHeldThread{nullptr};
+std::atomic<bool> fs_bHeldInWindow{false};
+std::atomic<bool> fs_bReforked{false};
+
+void holdInDetachedWindow(HvThread* thread)
+{
+    HvThread* expected = thread;
+    if (!fs_pHeldThread.compare_exchange_strong(expected, nullptr))
+        return;
+    fs_bHeldInWindow = true;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!fs_bReforked.load() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+} // namespace
+
+TEST(HvThread, OldRunLeavingTheTableAfterARefork)
+{
+    ASSERT_TRUE(hvtest::waitUntil([] { return HvThread::sIsShutdownCompleted(); }));
+    HvHandle<hvtest::LambdaThread> thread(new hvtest::LambdaThread(&waitUntilTerminated));
+    thread->fork();
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
+    const pthread_t firstToken = thread->getToken();
+
+    fs_bHeldInWindow = false;
+    fs_bReforked = false;
+    fs_pHeldThread = thread.get();
+    HvThread::sm_pDetachedHook = &holdInDetachedWindow;
+    thread->terminate();
+    ASSERT_TRUE(hvtest::waitUntil([] { return fs_bHeldInWindow.load(); }));
+    ASSERT_EQ(HvThread::DETACHED, thread->getState());
+    thread->fork();
+    ASSERT_TRUE(hvtest::waitUntil([&] { return thread->getState() == HvThread::BLOCKED; }));
+    fs_bReforked = true;
+    // The first run has left the table by its own id, not by the new one.
+    ASSERT_TRUE(hvtest::waitUntil([&] { return HvThread::sGetByToken(firstToken) == nullptr; }));
+    HvThread::sm_pDetachedHook = nullptr;
+    EXPECT_FALSE(pthread_equal(firstToken, thread->getToken()));
+    EXPECT_EQ(thread.get(), HvThread::sGetByToken(thread->getToken()));
+    EXPECT_EQ(1u, HvThread::sGetThreadCount());
+
+    thread->terminate();
+    ASSERT_TRUE(hvtest::waitUntil([&] { return hvtest::hasEnded(thread.get()); }));
+    EXPECT_TRUE(hvtest::waitUntil([] { return HvThread::sGetThreadCount() == 0; }, std::chrono::milliseconds(2000)));
+    EXPECT_TRUE(hvtest::waitUntil([] { return HvThread::sIsShutdownCompleted(); }, std::chrono::milliseconds(2000)));
 }
