@@ -62,6 +62,15 @@ def format_time(ns):
     return f"{ns:.2f}"
 
 
+# Fields of a benchmark entry that are not user counters.
+STANDARD_FIELDS = {
+    "name", "run_name", "run_type", "repetitions", "repetition_index", "threads", "iterations",
+    "real_time", "cpu_time", "time_unit", "family_index", "per_family_instance_index",
+    "aggregate_name", "aggregate_unit", "bytes_per_second", "items_per_second", "label",
+    "error_occurred", "error_message",
+}
+
+
 def format_rate(bench):
     if "bytes_per_second" in bench:
         return f"{bench['bytes_per_second'] / 1e6:,.1f} MB/s"
@@ -70,7 +79,11 @@ def format_rate(bench):
         if rate >= 1e6:
             return f"{rate / 1e6:,.2f} M items/s"
         return f"{rate / 1e3:,.1f} k items/s"
-    return ""
+    # Programs that report their own figures (latency percentiles, round
+    # trips per second) show them instead.
+    counters = [f"{key} {value:,.2f}" for key, value in bench.items()
+                if key not in STANDARD_FIELDS and isinstance(value, (int, float))]
+    return ", ".join(counters)
 
 
 def main(argv):
