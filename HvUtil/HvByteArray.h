@@ -31,6 +31,16 @@ public:
     const unsigned char& operator[](unsigned int index) const;
 
     unsigned int getSize() const { return m_length; }
+
+    // Stream forms' window: `offset` is kept inside the array, and a length
+    // of 0 or one past the end becomes the rest of the array from `offset`.
+    void clipWindow(unsigned int& offset, unsigned int& length) const
+    {
+        if (offset > m_length)
+            offset = m_length;
+        if (length == 0 || length > m_length - offset)
+            length = m_length - offset;
+    }
     unsigned char* getData() { return reinterpret_cast<unsigned char*>(this + 1); }
     const unsigned char* getData() const { return reinterpret_cast<const unsigned char*>(this + 1); }
 

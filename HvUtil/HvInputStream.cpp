@@ -77,11 +77,7 @@ int HvInputStream::read(HvHandle<HvByteArray> array, unsigned int offset, unsign
     // No array, no room: nothing is read and the stream is left as it is.
     if (array.isNull())
         return 0;
-    unsigned int size = array->getSize();
-    if (offset > size)
-        offset = size;
-    if (length == 0 || length > size - offset)
-        length = size - offset;
+    array->clipWindow(offset, length);
     return read(array->getData(), length, offset);
 }
 

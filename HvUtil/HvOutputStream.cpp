@@ -23,11 +23,7 @@ void HvOutputStream::write(HvByteArray* array, unsigned int offset, unsigned int
 {
     if (!array)
         return;
-    unsigned int size = array->getSize();
-    if (offset > size)
-        offset = size;
-    if (length == 0 || length > size - offset)
-        length = size - offset;
+    array->clipWindow(offset, length);
     write(array->getData(), length, offset);
 }
 

@@ -5,10 +5,8 @@
 #include <HvUtil/HvObservable.h>
 #include <HvUtil/HvWorkerThread.h>
 
-#include <cxxabi.h>
-
 #include <algorithm>
-#include <exception>
+#include <string>
 
 HvThreadPool::HvThreadPool(HvThread* thread, unsigned int maxThreads)
     : m_maxThreads(static_cast<int>(maxThreads)), m_threadCount(0), m_pLock(HvMutex::sCreate()),
@@ -216,19 +214,7 @@ void reportCaught(const char* message)
 
 void HvThreadPool::mDoItYourSelf(unsigned int kind, HvObservable* source, HvObserver* observer, HvObject* object)
 {
-    try {
-        // Work without its source or observer is skipped, as on a worker.
-        if (kind == HvWorkerThread::kSourceNotification && source)
-            source->notifyObservers(HvHandle<HvObject>(object));
-        else if (kind == HvWorkerThread::kObserverNotification && observer)
-            observer->onNotification(HvHandle<HvObservable>(), HvHandle<HvObject>(object));
-    } catch (HvHandle<HvException>& e) {
-        reportCaught(e.isNull() ? "" : e->getMessage().c_str());
-    } catch (abi::__forced_unwind&) {
-        throw;
-    } catch (std::exception& e) {
-        reportCaught(e.what());
-    } catch (...) {
-        reportCaught("Unknown Exception");
-    }
+    std::string failure;
+    if (!HvWorkerThread::sCarryOut(kind, source, observer, HvHandle<HvObject>(object), failure))
+        reportCaught(failure.c_str());
 }

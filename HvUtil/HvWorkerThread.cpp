@@ -59,6 +59,29 @@ void HvWorkerThread::doObserverNotifications(HvObserver* observer, HvObject* obj
     signal();
 }
 
+bool HvWorkerThread::sCarryOut(unsigned int kind, HvObservable* source, HvObserver* observer,
+                               const HvHandle<HvObject>& object, std::string& failure)
+{
+    try {
+        // Work without its source or observer is skipped.
+        if (kind == kSourceNotification && source)
+            source->notifyObservers(object);
+        else if (kind == kObserverNotification && observer)
+            observer->onNotification(HvHandle<HvObservable>(), object);
+        return true;
+    } catch (HvHandle<HvException>& e) {
+        failure = e.isNull() ? "" : e->getMessage().c_str();
+    } catch (abi::__forced_unwind&) {
+        // Thread cancellation must unwind on.
+        throw;
+    } catch (std::exception& e) {
+        failure = e.what();
+    } catch (...) {
+        failure = "Unknown Exception";
+    }
+    return false;
+}
+
 void HvWorkerThread::run()
 {
     bool terminatedWhileBusy = false;
@@ -66,20 +89,9 @@ void HvWorkerThread::run()
         wait(kNoTimeout);
         if (getState() == EXITING)
             break;
-        try {
-            if (m_kind == kSourceNotification && !m_source.isNull())
-                m_source->notifyObservers(m_object);
-            else if (m_kind == kObserverNotification && !m_observer.isNull())
-                m_observer->onNotification(HvHandle<HvObservable>(), m_object);
-        } catch (HvHandle<HvException>& e) {
-            reportFailure(e.isNull() ? std::string() : std::string(e->getMessage().c_str()));
-        } catch (abi::__forced_unwind&) {
-            throw;
-        } catch (std::exception& e) {
-            reportFailure(e.what());
-        } catch (...) {
-            reportFailure("Unknown Exception");
-        }
+        std::string failure;
+        if (!sCarryOut(m_kind, m_source.get(), m_observer.get(), m_object, failure))
+            reportFailure(failure);
         m_source = HvHandle<HvObservable>();
         m_observer = HvHandle<HvObserver>();
         m_object = HvHandle<HvObject>();

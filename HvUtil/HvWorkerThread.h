@@ -6,6 +6,8 @@
 
 #include <HvUtil/HvThread.h>
 
+#include <string>
+
 class HvThreadPool;
 
 class HvWorkerThread : public HvThread {
@@ -24,6 +26,12 @@ public:
     // or observer->onNotification(nil, object).
     void doSourceNotifications(HvObservable* source, HvObject* object);
     void doObserverNotifications(HvObserver* observer, HvObject* object);
+
+    // Carries out one piece of work of the given kind; work without its
+    // source or observer is skipped. Returns false with the caught failure's
+    // text when the work threw (thread cancellation passes through).
+    static bool sCarryOut(unsigned int kind, HvObservable* source, HvObserver* observer,
+                          const HvHandle<HvObject>& object, std::string& failure);
 
     // Until terminated: waits for work, delivers it, goes back to the pool.
     // A worker terminated during a job does not go back: it ends after it.
