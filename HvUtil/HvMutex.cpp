@@ -8,8 +8,8 @@
 #include <new>
 
 HvMutex* HvMutex::sm_pMutex[HvMutex::kPoolSize];
-std::atomic<unsigned int> HvMutex::m_tryLockCount{0};
-std::atomic<unsigned int> HvMutex::m_lockCount{0};
+HvMutex::StatisticsCounter HvMutex::m_tryLockCount;
+HvMutex::StatisticsCounter HvMutex::m_lockCount;
 
 static int fs_MutexInitializationCounter = 0;
 
@@ -75,7 +75,7 @@ void HvMutex::lockContended()
     bool blocked = false;
     int result = sSpinThenLock(&m_mutex, &blocked, kSpinAttempts - 1);
     if (blocked)
-        m_lockCount.fetch_add(1, std::memory_order_relaxed);
+        m_lockCount.increment();
     HvSystemError::sCheck(result, "pthread_mutex_lock");
 }
 

@@ -6,11 +6,31 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdint>
 
 class HvMutex {
 public:
-    // Size of the shared pool; objects pick entry pthread_self() & (kPoolSize - 1).
+    // Size of the shared pool; objects pick the entry sPoolIndex() gives for
+    // the thread that creates them.
     static constexpr unsigned int kPoolSize = 256;
+
+    // The pool entry of thread `id`; every object a thread makes shares it.
+    static unsigned int sPoolIndex(pthread_t id)
+    {
+        // A 64-bit thread id is the address of an aligned thread descriptor:
+        // its low 8 bits are equal for every thread, so taking them would put
+        // every thread on one entry. Fibonacci hashing mixes all 64 bits into
+        // the top 8, so ids that differ only in their higher bits spread too.
+        std::uint64_t mixed = static_cast<std::uint64_t>(id) * 0x9E3779B97F4A7C15ULL;
+        return static_cast<unsigned int>(mixed >> 56);
+    }
+
+    // The pool entry of the calling thread; builds the pool when needed.
+    static HvMutex* sPoolMutexOfCurrentThread()
+    {
+        sInitialize();
+        return sm_pMutex[sPoolIndex(pthread_self())];
+    }
 
     // Builds the pool on the first call; later calls return at once. The
     // first call must happen before a second thread exists.
@@ -27,9 +47,7 @@ public:
     // Throws HvSystemError "pthread_mutex_lock".
     void lock()
     {
-        // Statistics tolerate lost updates: a plain load and store keeps the
-        // hot path free of a locked instruction on a word every thread shares.
-        m_tryLockCount.store(m_tryLockCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        m_tryLockCount.increment();
         if (pthread_mutex_trylock(&m_mutex) != 0)
             lockContended();
     }
@@ -66,9 +84,38 @@ public:
     // The shared pool, filled once by sInitialize().
     static HvMutex* sm_pMutex[kPoolSize];
 
+    // A statistics counter that every thread bumps without a lock. One word
+    // shared by all threads would bounce its cache line between cores on
+    // every lock() and undo the spreading of objects over the pool, so each
+    // thread bumps the stripe of its own pool entry and load() sums them.
+    // Like any unlocked counter it tolerates lost updates; the sum wraps
+    // modulo 2^32 as a single word would.
+    class StatisticsCounter {
+    public:
+        void increment()
+        {
+            // A plain load and store keeps the hot path free of a locked instruction.
+            std::atomic<unsigned int>& value = m_stripes[sPoolIndex(pthread_self())].value;
+            value.store(value.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        }
+        unsigned int load() const
+        {
+            unsigned int sum = 0;
+            for (const Stripe& stripe : m_stripes)
+                sum += stripe.value.load(std::memory_order_relaxed);
+            return sum;
+        }
+
+    private:
+        struct alignas(64) Stripe {
+            std::atomic<unsigned int> value{0};
+        };
+        Stripe m_stripes[kPoolSize];
+    };
+
     // Statistics only, nothing reads them: lock() calls, and those that had to block.
-    static std::atomic<unsigned int> m_tryLockCount;
-    static std::atomic<unsigned int> m_lockCount;
+    static StatisticsCounter m_tryLockCount;
+    static StatisticsCounter m_lockCount;
 
 private:
     // The rest of lock() after a first failed attempt.

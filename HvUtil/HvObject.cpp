@@ -3,28 +3,15 @@
 #include <HvUtil/HvMutex.h>
 #include <HvUtil/HvOutputStream.h>
 
-#include <pthread.h>
-
-#include <cstdint>
 #include <typeinfo>
 
-namespace {
-
-HvMutex* poolMutexOfCurrentThread()
-{
-    HvMutex::sInitialize();
-    return HvMutex::sm_pMutex[reinterpret_cast<std::uintptr_t>(pthread_self()) & (HvMutex::kPoolSize - 1)];
-}
-
-} // namespace
-
 HvObject::HvObject()
-    : m_refCount(0), m_pMutex(poolMutexOfCurrentThread())
+    : m_refCount(0), m_pMutex(HvMutex::sPoolMutexOfCurrentThread())
 {
 }
 
 HvObject::HvObject(const HvObject&)
-    : m_refCount(0), m_pMutex(poolMutexOfCurrentThread())
+    : m_refCount(0), m_pMutex(HvMutex::sPoolMutexOfCurrentThread())
 {
 }
 

@@ -9,9 +9,13 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <set>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -56,18 +60,65 @@ TEST(HvMutex, SecondInitializeCreatesNothing)
 TEST(HvMutex, ObjectBorrowsPoolEntryOfCreatingThread)
 {
     ProbeObject object;
-    std::uintptr_t self = reinterpret_cast<std::uintptr_t>(pthread_self());
-    EXPECT_EQ(object.mutex(), HvMutex::sm_pMutex[self & 255]);
+    EXPECT_EQ(object.mutex(), HvMutex::sm_pMutex[HvMutex::sPoolIndex(pthread_self())]);
 
     HvMutex* otherThreadsMutex = nullptr;
-    std::uintptr_t otherThread = 0;
+    pthread_t otherThread{};
     std::thread creator([&] {
         ProbeObject made;
         otherThreadsMutex = made.mutex();
-        otherThread = reinterpret_cast<std::uintptr_t>(pthread_self());
+        otherThread = pthread_self();
     });
     creator.join();
-    EXPECT_EQ(otherThreadsMutex, HvMutex::sm_pMutex[otherThread & 255]);
+    EXPECT_EQ(otherThreadsMutex, HvMutex::sm_pMutex[HvMutex::sPoolIndex(otherThread)]);
+}
+
+TEST(HvMutex, PoolIndexIsWithinThePool)
+{
+    for (std::uint64_t id : {std::uint64_t(0), std::uint64_t(1), std::uint64_t(0x7f0000000000),
+                             ~std::uint64_t(0)})
+        EXPECT_LT(HvMutex::sPoolIndex(static_cast<pthread_t>(id)), HvMutex::kPoolSize) << id;
+}
+
+TEST(HvMutex, ObjectsOfOneThreadShareOneEntry)
+{
+    std::vector<HvMutex*> seen;
+    std::thread creator([&] {
+        for (int i = 0; i < 10; ++i) {
+            ProbeObject made;
+            seen.push_back(made.mutex());
+        }
+    });
+    creator.join();
+    ASSERT_EQ(seen.size(), 10u);
+    for (HvMutex* mutex : seen)
+        EXPECT_EQ(mutex, seen.front());
+}
+
+TEST(HvMutex, ObjectsOfSixteenLiveThreadsSpreadOverAtLeastEightEntries)
+{
+    // All sixteen threads are alive at once, so their ids are distinct
+    // descriptors; on 64-bit glibc those share their low 8 bits.
+    constexpr int kThreads = 16;
+    std::mutex guard;
+    std::condition_variable allMade;
+    int made = 0;
+    std::set<HvMutex*> entries;
+    std::vector<std::thread> creators;
+    for (int t = 0; t < kThreads; ++t) {
+        creators.emplace_back([&] {
+            ProbeObject object;
+            std::unique_lock<std::mutex> lock(guard);
+            entries.insert(object.mutex());
+            ++made;
+            allMade.notify_all();
+            allMade.wait_for(lock, std::chrono::seconds(10), [&] { return made == kThreads; });
+        });
+    }
+    for (std::thread& creator : creators)
+        creator.join();
+    EXPECT_EQ(made, kThreads);
+    EXPECT_GE(entries.size(), 8u);
 }
 
 TEST(HvMutex, TryLockCountIncrementsOnEveryLock)

@@ -261,8 +261,7 @@ TEST(HvObject, CopyIsANewObjectWithCountZero)
 TEST(HvObject, ObjectMutexIsThePoolEntryOfTheCreatingThread)
 {
     HvMutex::sInitialize();
-    HvMutex* expected =
-        HvMutex::sm_pMutex[reinterpret_cast<std::uintptr_t>(pthread_self()) & (HvMutex::kPoolSize - 1)];
+    HvMutex* expected = HvMutex::sm_pMutex[HvMutex::sPoolIndex(pthread_self())];
     int destroyed = 0;
     CountingObject first(&destroyed);
     CountingObject second(&destroyed);
