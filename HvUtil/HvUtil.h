@@ -6,7 +6,10 @@
 #include <HvUtil/HvAssertionFailure.h>
 #include <HvUtil/HvBaseEvent.h>
 #include <HvUtil/HvByteArray.h>
+#include <HvUtil/HvByteArrayInputStream.h>
+#include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvConstString.h>
+#include <HvUtil/HvCppInputStream.h>
 #include <HvUtil/HvCriticalSection.h>
 #include <HvUtil/HvErrorStream.h>
 #include <HvUtil/HvEventQueue.h>

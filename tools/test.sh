@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(cmake g++ make pkg-config python3 libace-dev liblog4cplus-dev libgtest-dev
-          libbenchmark-dev libconcurrentqueue-dev libc-ares-dev)
+          libbenchmark-dev libconcurrentqueue-dev libc-ares-dev dpkg-dev file)
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")

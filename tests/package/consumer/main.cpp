@@ -1,7 +1,7 @@
 // Uses the installed library the way a program above it would: objects,
-// handles, strings, exceptions and a memory stream.
+// handles, strings, exceptions and a memory stream, all through the
+// umbrella header.
 #include <HvUtil/HvUtil.h>
-#include <HvUtil/HvByteArrayOutputStream.h>
 
 #include <cstdio>
 #include <cstring>

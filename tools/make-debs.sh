@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Builds the Debian packages libhvutil1 and libhvutil-dev with CPack.
+#
+# Usage: tools/make-debs.sh [BUILD_DIR]
+#   BUILD_DIR  build tree, relative to the repository root unless absolute
+#              (default: build/deb); the .deb files are left in it.
+# Installs what it needs (build dependencies, dpkg-dev, file) when missing.
+set -euo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+build="${1:-build/deb}"
+[[ "$build" = /* ]] || build="$root/$build"
+
+packages=(cmake g++ make pkg-config libace-dev liblog4cplus-dev libc-ares-dev dpkg-dev file)
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing: ${missing[*]}" >&2
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
+fi
+
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+      -DHV_BUILD_TESTS=OFF -DHV_BUILD_BENCHMARKS=OFF >/dev/null
+cmake --build "$build" -j"$(nproc)" >/dev/null
+rm -f "$build"/*.deb
+(cd "$build" && cpack -G DEB >/dev/null)
+ls "$build"/*.deb
