@@ -17,6 +17,7 @@
 #include <HvUtil/HvGhbnError.h>
 #include <HvUtil/HvHandle.h>
 #include <HvUtil/HvHashTableBase.h>
+#include <HvUtil/HvInetAddress.h>
 #include <HvUtil/HvInputStream.h>
 #include <HvUtil/HvInterface.h>
 #include <HvUtil/HvKeyTable.h>
