@@ -2,6 +2,8 @@
 #ifndef HVUTIL_HVUTIL_H
 #define HVUTIL_HVUTIL_H
 
+#include <HvUtil/Base64.h>
+#include <HvUtil/CMD5Encrypt.h>
 #include <HvUtil/HvAggregatedObserver.h>
 #include <HvUtil/HvAssertionFailure.h>
 #include <HvUtil/HvBaseEvent.h>
@@ -11,12 +13,14 @@
 #include <HvUtil/HvConstString.h>
 #include <HvUtil/HvCppInputStream.h>
 #include <HvUtil/HvCriticalSection.h>
+#include <HvUtil/HvDate.h>
 #include <HvUtil/HvErrorStream.h>
 #include <HvUtil/HvEventQueue.h>
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvGhbnError.h>
 #include <HvUtil/HvHandle.h>
 #include <HvUtil/HvHashTableBase.h>
+#include <HvUtil/HvHexEncoding.h>
 #include <HvUtil/HvInetAddress.h>
 #include <HvUtil/HvInputStream.h>
 #include <HvUtil/HvInterface.h>
@@ -39,5 +43,7 @@
 #include <HvUtil/HvThreadPool.h>
 #include <HvUtil/HvTokenTable.h>
 #include <HvUtil/HvWorkerThread.h>
+#include <HvUtil/MD5.h>
+#include <HvUtil/UUID.h>
 
 #endif

@@ -25,13 +25,20 @@ fi
 [[ "$build" = /* ]] || build="$root/$build"
 jobs="${JOBS:-2}"
 
-# The only thing this script installs: Google Benchmark's headers and library.
-if ! dpkg-query -W -f='${Status}' libbenchmark-dev 2>/dev/null | grep -q "install ok installed"; then
-    echo "libbenchmark-dev is missing; installing it" >&2
+# The only things this script installs: Google Benchmark's headers and
+# library, and OpenSSL's (the anchor of the encoding benchmarks).
+missing=()
+for package in libbenchmark-dev libssl-dev; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$package")
+    fi
+done
+if [[ ${#missing[@]} -gt 0 ]]; then
+    echo "${missing[*]} missing; installing" >&2
     sudo=""
     [[ "$(id -u)" -eq 0 ]] || sudo="sudo"
     $sudo apt-get update
-    $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y libbenchmark-dev
+    $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y "${missing[@]}"
 fi
 
 echo "load average at the start: $(cut -d" " -f1-3 /proc/loadavg)" >&2
