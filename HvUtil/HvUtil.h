@@ -10,6 +10,7 @@
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvByteArrayInputStream.h>
 #include <HvUtil/HvByteArrayOutputStream.h>
+#include <HvUtil/HvClientSocket.h>
 #include <HvUtil/HvConstString.h>
 #include <HvUtil/HvCppInputStream.h>
 #include <HvUtil/HvCriticalSection.h>
@@ -34,13 +35,19 @@
 #include <HvUtil/HvOutputStream.h>
 #include <HvUtil/HvProcess.h>
 #include <HvUtil/HvRecursiveMutex.h>
+#include <HvUtil/HvServerSocket.h>
 #include <HvUtil/HvSocketError.h>
+#include <HvUtil/HvSocketFactory.h>
+#include <HvUtil/HvSocketImpl.h>
+#include <HvUtil/HvSocketInputStream.h>
+#include <HvUtil/HvSocketOutputStream.h>
 #include <HvUtil/HvStreamTokenizer.h>
 #include <HvUtil/HvString.h>
 #include <HvUtil/HvStringBuffer.h>
 #include <HvUtil/HvSystemError.h>
 #include <HvUtil/HvThread.h>
 #include <HvUtil/HvThreadPool.h>
+#include <HvUtil/HvTime.h>
 #include <HvUtil/HvTokenTable.h>
 #include <HvUtil/HvWorkerThread.h>
 #include <HvUtil/MD5.h>

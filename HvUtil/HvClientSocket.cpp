@@ -1,0 +1,140 @@
+#include <HvUtil/HvClientSocket.h>
+#include <HvUtil/HvByteArray.h>
+#include <HvUtil/HvException.h>
+#include <HvUtil/HvMutex.h>
+#include <HvUtil/HvServerSocket.h>
+#include <HvUtil/HvSocketInputStream.h>
+#include <HvUtil/HvSocketOutputStream.h>
+
+#include <Velmora/MemAllocator.h>
+
+namespace {
+
+const char kTag[] = "HvClientSocket";
+
+} // namespace
+
+void* HvClientSocket::operator new(std::size_t size)
+{
+    return Velmora::DefaultStaticMemAllocator::allocate(size, kTag);
+}
+
+void HvClientSocket::operator delete(void* p, std::size_t size)
+{
+    Velmora::DefaultStaticMemAllocator::deallocate(p, size, kTag);
+}
+
+HvClientSocket::HvClientSocket(HvServerSocket* server) : m_lastActivity(0.0)
+{
+    HvSocketImpl::accept(server);
+    try {
+        stampActivity();
+    } catch (...) {
+        unregisterWhileConstructing();
+        throw;
+    }
+}
+
+HvClientSocket::HvClientSocket(HvInetAddress remote, unsigned int port, HvInetAddress local) : m_lastActivity(0.0)
+{
+    try {
+        if (local.getAddress() != 0)
+            bind(0, local, true);
+        connect(remote, port);
+        stampActivity();
+    } catch (...) {
+        // bind() registered the descriptor: a refused connect must not leave
+        // the registry holding an object that never finished construction.
+        unregisterWhileConstructing();
+        throw;
+    }
+}
+
+HvClientSocket::~HvClientSocket()
+{
+    close();
+    // The streams hold plain pointers to this socket; one that outlives it
+    // (a caller may keep its handle) must never reach it again.
+    if (HvSocketInputStream* input = dynamic_cast<HvSocketInputStream*>(m_inputStream.get()))
+        input->detachSocket();
+    if (HvSocketOutputStream* output = dynamic_cast<HvSocketOutputStream*>(m_outputStream.get()))
+        output->detachSocket();
+    m_inputStream = HvHandle<HvInputStream>();
+    m_outputStream = HvHandle<HvOutputStream>();
+}
+
+void HvClientSocket::stampActivity()
+{
+    m_lastActivity.store(HvTime::sGetCurrentTime(), std::memory_order_relaxed);
+}
+
+void HvClientSocket::connect(HvInetAddress address, unsigned int port)
+{
+    HvSocketImpl::connect(address, port, true);
+}
+
+int HvClientSocket::send(const void* buffer, unsigned int length, unsigned int offset)
+{
+    int result = HvSocketImpl::send(static_cast<const unsigned char*>(buffer) + offset, length);
+    stampActivity();
+    return result;
+}
+
+int HvClientSocket::receive(void* buffer, unsigned int length, unsigned int offset)
+{
+    int result = HvSocketImpl::receive(static_cast<unsigned char*>(buffer) + offset, length);
+    stampActivity();
+    return result;
+}
+
+int HvClientSocket::send(HvByteArray* array, unsigned int offset, unsigned int length)
+{
+    if (!array)
+        return 0;
+    // An offset past the end is pulled back to the end, so a hostile offset
+    // sends nothing instead of reading beyond the array.
+    array->clipWindow(offset, length);
+    return send(array->getData(), length, offset);
+}
+
+int HvClientSocket::receive(HvHandle<HvByteArray> array, unsigned int offset, unsigned int length)
+{
+    if (array.isNull())
+        return 0;
+    // As for send: never a window outside the array.
+    array->clipWindow(offset, length);
+    return receive(array->getData(), length, offset);
+}
+
+HvHandle<HvInputStream> HvClientSocket::getInputStream()
+{
+    HvMutex::Lock lock(getMutex());
+    // The buffered input stream goes around this one once that class exists;
+    // until then callers read the socket stream itself.
+    if (m_inputStream.isNull())
+        m_inputStream = new HvSocketInputStream(this);
+    return m_inputStream;
+}
+
+HvHandle<HvOutputStream> HvClientSocket::getOutputStream()
+{
+    HvMutex::Lock lock(getMutex());
+    // The 512-byte buffered output stream goes around this one once that
+    // class exists; until then callers write the socket stream itself.
+    if (m_outputStream.isNull())
+        m_outputStream = new HvSocketOutputStream(this);
+    return m_outputStream;
+}
+
+void HvClientSocket::onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object)
+{
+    HvObservable::onNotification(source, object);
+}
+
+bool HvClientSocket::block()
+{
+    HvHandle<HvInputStream> input = getInputStream();
+    bool result = input->block();
+    notifyObservers(HvHandle<HvObject>());
+    return result;
+}
