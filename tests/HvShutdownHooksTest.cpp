@@ -3,6 +3,7 @@
 #include <HvUtil/HvThread.h>
 
 #include <HvUtil/HvProcess.h>
+#include <HvUtil/HvSocketFactory.h>
 
 #include <tests/support/HvTestSupport.h>
 
@@ -51,8 +52,11 @@ TEST(HvShutdownHooks, SlotsAreFixedAndInstallingReturnsThePreviousHook)
     EXPECT_EQ(6, HvThread::CLOSE_SOCKETS);
     EXPECT_EQ(7, HvThread::SHUTDOWN_HOOK_COUNT);
 
-    EXPECT_EQ(nullptr, HvThread::sSetShutdownHook(HvThread::CLOSE_SOCKETS, &replacedHook));
+    // The socket registry fills its slot as soon as the library is loaded.
+    HvThread::ShutdownHookFunction closeAll = HvThread::sSetShutdownHook(HvThread::CLOSE_SOCKETS, &replacedHook);
+    EXPECT_EQ(&HvSocketFactory::sCloseAll, closeAll);
     EXPECT_EQ(&replacedHook, HvThread::sSetShutdownHook(HvThread::CLOSE_SOCKETS, nullptr));
+    EXPECT_EQ(nullptr, HvThread::sSetShutdownHook(HvThread::CLOSE_SOCKETS, closeAll));
     EXPECT_EQ(nullptr, HvThread::sSetShutdownHook(HvThread::SHUTDOWN_HOOK_COUNT, &replacedHook));
 }
 
