@@ -14,7 +14,10 @@
 #include <HvUtil/HvConstString.h>
 #include <HvUtil/HvCppInputStream.h>
 #include <HvUtil/HvCriticalSection.h>
+#include <HvUtil/HvDatagramPacket.h>
+#include <HvUtil/HvDatagramSocket.h>
 #include <HvUtil/HvDate.h>
+#include <HvUtil/HvDispatcherThread.h>
 #include <HvUtil/HvErrorStream.h>
 #include <HvUtil/HvEventQueue.h>
 #include <HvUtil/HvException.h>
@@ -26,6 +29,7 @@
 #include <HvUtil/HvInputStream.h>
 #include <HvUtil/HvInterface.h>
 #include <HvUtil/HvKeyTable.h>
+#include <HvUtil/HvMulticastSocket.h>
 #include <HvUtil/HvMultiSourceObserver.h>
 #include <HvUtil/HvMutex.h>
 #include <HvUtil/HvObject.h>
@@ -45,10 +49,16 @@
 #include <HvUtil/HvString.h>
 #include <HvUtil/HvStringBuffer.h>
 #include <HvUtil/HvSystemError.h>
+#include <HvUtil/HvTCPEvent.h>
+#include <HvUtil/HvTCPIDispatcher.h>
+#include <HvUtil/HvTCPODispatcher.h>
 #include <HvUtil/HvThread.h>
 #include <HvUtil/HvThreadPool.h>
 #include <HvUtil/HvTime.h>
 #include <HvUtil/HvTokenTable.h>
+#include <HvUtil/HvUDPEvent.h>
+#include <HvUtil/HvUDPIDispatcher.h>
+#include <HvUtil/HvUDPODispatcher.h>
 #include <HvUtil/HvWorkerThread.h>
 #include <HvUtil/MD5.h>
 #include <HvUtil/UUID.h>
