@@ -365,8 +365,11 @@ void HvSocketImpl::sendLocalUnblockMessage()
     if (descriptor == -1)
         return;
     sockaddr_in local = makeAddress(getLocalAddress(), getLocalPort());
-    (void)::sendto(descriptor, kUnblockMessage, kUnblockLength, kSendFlags, reinterpret_cast<sockaddr*>(&local),
-                   sizeof local);
+    // Never waits: on a connection whose peer stopped reading the send
+    // buffer is full, and a blocking send here would stall the shutdown that
+    // is about to close this very socket.
+    (void)::sendto(descriptor, kUnblockMessage, kUnblockLength, kSendFlags | MSG_DONTWAIT,
+                   reinterpret_cast<sockaddr*>(&local), sizeof local);
     endCall(descriptor);
 }
 
