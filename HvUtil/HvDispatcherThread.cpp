@@ -158,3 +158,61 @@ void HvDispatcherThread::sCleanupOnDemandInstance(void* object, void*)
     if (instance->getRefCount() <= 1)
         delete instance;
 }
+
+void HvDispatcherThread::forkHoldingSelf()
+{
+    AddRef();
+    try {
+        fork();
+    } catch (...) {
+        Release(false);
+        throw;
+    }
+}
+
+void HvDispatcherThread::sWakeQueue(HvDispatcherThread* instance)
+{
+    if (instance)
+        instance->getEventQueue()->WakeUpAll();
+}
+
+HvDispatcherThread* HvDispatcherThread::StartedOnFirstUse::get(Factory make)
+{
+    HvDispatcherThread* instance = find();
+    if (instance)
+        return instance;
+    instance = make();
+    m_instance.store(instance, std::memory_order_release);
+    // From here on the thread owns the object: it is deleted when the thread
+    // has ended and nobody holds it any more.
+    try {
+        instance->fork();
+    } catch (...) {
+        HvDispatcherThread* self = instance;
+        m_instance.compare_exchange_strong(self, nullptr);
+        delete instance;
+        throw;
+    }
+    return instance;
+}
+
+HvHandle<HvDispatcherThread> HvDispatcherThread::StartedOnFirstUse::hold(Factory make)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    HvDispatcherThread* instance = find();
+    if (!instance && make)
+        instance = get(make);
+    return HvHandle<HvDispatcherThread>(instance);
+}
+
+void HvDispatcherThread::StartedOnFirstUse::forget(HvDispatcherThread* instance)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_instance.compare_exchange_strong(instance, nullptr, std::memory_order_acq_rel);
+}
+
+void HvDispatcherThread::StartedOnFirstUse::wakeQueue()
+{
+    HvHandle<HvDispatcherThread> instance = hold(nullptr);
+    sWakeQueue(instance.get());
+}

@@ -10,7 +10,9 @@
 #include <HvUtil/HvThread.h>
 #include <HvUtil/HvThreadPool.h>
 
+#include <atomic>
 #include <cstddef>
+#include <mutex>
 #include <new>
 
 class HvBaseEvent;
@@ -50,6 +52,45 @@ public:
     // The queue that producers add events to.
     HvEventQueue* getEventQueue() { return &m_eventQueue; }
 
+    // The process-wide instance of a dispatcher that is started on first use
+    // and forgets itself when its thread ends, kept in a plain pointer.
+    class StartedOnFirstUse {
+    public:
+        using Factory = HvDispatcherThread* (*)();
+
+        // The instance; on first use (or after the last one ended) makes it
+        // with `make` and forks its thread. Takes no lock: the first call
+        // must come before other threads can race for it.
+        HvDispatcherThread* get(Factory make);
+        // The instance, or null; never makes one.
+        HvDispatcherThread* find() const { return m_instance.load(std::memory_order_acquire); }
+        // The instance with a reference held; made first with `make` when
+        // there is none, unless `make` is null.
+        HvHandle<HvDispatcherThread> hold(Factory make);
+        // Forgets `instance` when it is the current one (its thread ends).
+        void forget(HvDispatcherThread* instance);
+        // The shutdown step: wakes the current instance's queue, if any.
+        void wakeQueue();
+
+    private:
+        // Published with release order: whoever finds the pointer also sees
+        // the object built.
+        std::atomic<HvDispatcherThread*> m_instance{nullptr};
+        // Orders hold() against forget(): whoever finds the pointer under it
+        // may take a reference on the object.
+        std::mutex m_mutex;
+    };
+
+    // The shutdown step of a dispatcher whose thread may be blocked on an
+    // empty queue: lets it see its termination. Nothing for null.
+    static void sWakeQueue(HvDispatcherThread* instance);
+    // Puts a dispatcher's shutdown step in its slot when constructed: a
+    // file-static one installs it as the library loads, so the shutdown finds
+    // it whether or not an instance is ever made.
+    struct ShutdownHookInstaller {
+        ShutdownHookInstaller(ShutdownHook slot, ShutdownHookFunction hook) { sSetShutdownHook(slot, hook); }
+    };
+
     // The embedded queue keeps each of its sides on cache lines of its own,
     // so dispatchers are over-aligned: their blocks come from the class
     // allocator, aligned within (see sAllocate).
@@ -84,6 +125,13 @@ protected:
                                                     HvDispatcherThread* (*create)());
     // The registered instance under `name`, or null; never makes one.
     static HvDispatcherThread* sFindOnDemandInstance(const char* name);
+    // For an instance kept in the singleton registry: takes the reference it
+    // holds on itself until the registry lets go of it at exit (the end of
+    // its thread must not delete what the registry and the threads' caches
+    // point to), then starts the thread. Gives the reference back and
+    // rethrows when the thread cannot be started.
+    void forkHoldingSelf();
+
 
 private:
     // Registry clean-up at exit: deletes an instance whose thread has ended,

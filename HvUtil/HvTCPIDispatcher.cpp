@@ -8,20 +8,12 @@ const char kTag[] = "HvTCPIDispatcher";
 // Registry name of the instance.
 const char kName[] = "HvTCPIDispatcher";
 
-// Shutdown step: lets the dispatcher's thread, blocked on an empty queue,
-// see its termination. Nothing when no instance was made.
 void wakeQueue()
 {
-    if (HvTCPIDispatcher* instance = HvTCPIDispatcher::sFind())
-        instance->getEventQueue()->WakeUpAll();
+    HvDispatcherThread::sWakeQueue(HvTCPIDispatcher::sFind());
 }
 
-// Installed at load, so that the shutdown finds it whether or not an
-// instance is ever made.
-struct HookInstaller {
-    HookInstaller() { HvThread::sSetShutdownHook(HvThread::WAKE_TCP_INPUT_DISPATCHER_QUEUE, &wakeQueue); }
-};
-const HookInstaller fs_hookInstaller;
+const HvDispatcherThread::ShutdownHookInstaller fs_hookInstaller(HvThread::WAKE_TCP_INPUT_DISPATCHER_QUEUE, &wakeQueue);
 
 } // namespace
 
@@ -38,15 +30,7 @@ void HvTCPIDispatcher::operator delete(void* p, std::size_t size, std::align_val
 HvTCPIDispatcher::HvTCPIDispatcher()
     : HvDispatcherThread(nullptr, kPoolThreads, HvEventQueue::UNLOCKED)
 {
-    // Kept until the registry lets go of the instance at exit: the thread's
-    // end must not delete what the registry and the threads' caches point to.
-    AddRef();
-    try {
-        fork();
-    } catch (...) {
-        Release(false);
-        throw;
-    }
+    forkHoldingSelf();
 }
 
 HvTCPIDispatcher::~HvTCPIDispatcher()

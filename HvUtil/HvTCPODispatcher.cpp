@@ -11,20 +11,12 @@ const char kTag[] = "HvTCPODispatcher";
 // Registry name of the instance.
 const char kName[] = "HvTCPODispatcher";
 
-// Shutdown step: lets the dispatcher's thread, blocked on an empty queue,
-// see its termination. Nothing when no instance was made.
 void wakeQueue()
 {
-    if (HvTCPODispatcher* instance = HvTCPODispatcher::sFind())
-        instance->getEventQueue()->WakeUpAll();
+    HvDispatcherThread::sWakeQueue(HvTCPODispatcher::sFind());
 }
 
-// Installed at load, so that the shutdown finds it whether or not an
-// instance is ever made.
-struct HookInstaller {
-    HookInstaller() { HvThread::sSetShutdownHook(HvThread::WAKE_TCP_OUTPUT_DISPATCHER_QUEUE, &wakeQueue); }
-};
-const HookInstaller fs_hookInstaller;
+const HvDispatcherThread::ShutdownHookInstaller fs_hookInstaller(HvThread::WAKE_TCP_OUTPUT_DISPATCHER_QUEUE, &wakeQueue);
 
 } // namespace
 
@@ -41,15 +33,7 @@ void HvTCPODispatcher::operator delete(void* p, std::size_t size, std::align_val
 HvTCPODispatcher::HvTCPODispatcher()
     : HvDispatcherThread(nullptr, 0, HvEventQueue::LOCKED)
 {
-    // Kept until the registry lets go of the instance at exit: the thread's
-    // end must not delete what the registry and the threads' caches point to.
-    AddRef();
-    try {
-        fork();
-    } catch (...) {
-        Release(false);
-        throw;
-    }
+    forkHoldingSelf();
 }
 
 HvTCPODispatcher::~HvTCPODispatcher()

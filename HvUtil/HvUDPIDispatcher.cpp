@@ -1,7 +1,6 @@
 #include <HvUtil/HvUDPIDispatcher.h>
 #include <HvUtil/HvUDPEvent.h>
 
-#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -9,17 +8,13 @@ namespace {
 
 const char kTag[] = "HvUDPIDispatcher";
 
-// The instance, set from creation until its thread ends. Published with
-// release order: a thread that finds the pointer also sees the object built.
-std::atomic<HvUDPIDispatcher*> fsp_TheUDPIDispatcher{nullptr};
-
-// Orders taking a reference on the instance against the instance forgetting
-// itself as its thread ends: whoever finds the pointer under it may hold the
-// object. Never destroyed: threads end while the process exits.
-std::mutex& instanceMutex()
+// The instance, set from creation until its thread ends, with the lock that
+// orders holding it against its end. Never destroyed: threads end while the
+// process exits.
+HvDispatcherThread::StartedOnFirstUse& fsp_TheUDPIDispatcher()
 {
-    static std::mutex* mutex = new std::mutex;
-    return *mutex;
+    static HvDispatcherThread::StartedOnFirstUse* instance = new HvDispatcherThread::StartedOnFirstUse;
+    return *instance;
 }
 
 // Serialises the producers of the UNLOCKED queue that post through sAddEvent().
@@ -29,31 +24,12 @@ std::mutex& producerMutex()
     return *mutex;
 }
 
-// The instance with a reference held, made first when `create` is set.
-HvHandle<HvUDPIDispatcher> holdInstance(bool create)
-{
-    std::lock_guard<std::mutex> lock(instanceMutex());
-    HvUDPIDispatcher* instance = fsp_TheUDPIDispatcher.load(std::memory_order_acquire);
-    if (!instance && create)
-        instance = HvUDPIDispatcher::getInstance();
-    return HvHandle<HvUDPIDispatcher>(instance);
-}
-
-// Shutdown step: lets the dispatcher's thread, blocked on an empty queue,
-// see its termination. Nothing when there is no instance.
 void wakeQueue()
 {
-    HvHandle<HvUDPIDispatcher> instance = holdInstance(false);
-    if (!instance.isNull())
-        instance->getEventQueue()->WakeUpAll();
+    fsp_TheUDPIDispatcher().wakeQueue();
 }
 
-// Installed at load, so that the shutdown finds it whether or not an
-// instance is ever made.
-struct HookInstaller {
-    HookInstaller() { HvThread::sSetShutdownHook(HvThread::WAKE_UDP_INPUT_DISPATCHER_QUEUE, &wakeQueue); }
-};
-const HookInstaller fs_hookInstaller;
+const HvDispatcherThread::ShutdownHookInstaller fs_hookInstaller(HvThread::WAKE_UDP_INPUT_DISPATCHER_QUEUE, &wakeQueue);
 
 } // namespace
 
@@ -76,29 +52,19 @@ HvUDPIDispatcher::~HvUDPIDispatcher()
 {
 }
 
+HvDispatcherThread* HvUDPIDispatcher::sCreate()
+{
+    return new HvUDPIDispatcher;
+}
+
 HvUDPIDispatcher* HvUDPIDispatcher::getInstance()
 {
-    HvUDPIDispatcher* instance = fsp_TheUDPIDispatcher.load(std::memory_order_acquire);
-    if (instance)
-        return instance;
-    instance = new HvUDPIDispatcher;
-    fsp_TheUDPIDispatcher.store(instance, std::memory_order_release);
-    // From here on the thread owns the object: it is deleted when the thread
-    // has ended and nobody holds it any more.
-    try {
-        instance->fork();
-    } catch (...) {
-        HvUDPIDispatcher* self = instance;
-        fsp_TheUDPIDispatcher.compare_exchange_strong(self, nullptr);
-        delete instance;
-        throw;
-    }
-    return instance;
+    return static_cast<HvUDPIDispatcher*>(fsp_TheUDPIDispatcher().get(&sCreate));
 }
 
 HvEventQueue* HvUDPIDispatcher::getUDPEventQueue()
 {
-    HvUDPIDispatcher* instance = fsp_TheUDPIDispatcher.load(std::memory_order_acquire);
+    HvDispatcherThread* instance = fsp_TheUDPIDispatcher().find();
     return instance ? instance->getEventQueue() : nullptr;
 }
 
@@ -107,9 +73,9 @@ void HvUDPIDispatcher::sAddEvent(HvBaseEvent* event)
     std::unique_ptr<HvBaseEvent> owned(event);
     // Released after the producers' lock: the last reference may delete the
     // dispatcher, which waits for its pool.
-    HvHandle<HvUDPIDispatcher> instance;
+    HvHandle<HvDispatcherThread> instance;
     std::lock_guard<std::mutex> producers(producerMutex());
-    instance = holdInstance(true);
+    instance = fsp_TheUDPIDispatcher().hold(&sCreate);
     instance->getEventQueue()->addItem(owned.release());
 }
 
@@ -123,7 +89,5 @@ void HvUDPIDispatcher::process(HvBaseEvent* event)
 
 void HvUDPIDispatcher::atExit()
 {
-    std::lock_guard<std::mutex> lock(instanceMutex());
-    HvUDPIDispatcher* self = this;
-    fsp_TheUDPIDispatcher.compare_exchange_strong(self, nullptr, std::memory_order_acq_rel);
+    fsp_TheUDPIDispatcher().forget(this);
 }

@@ -39,6 +39,9 @@ public:
     static void operator delete(void* p, std::size_t size, std::align_val_t alignment);
 
 private:
+    // Makes the instance that getInstance() starts.
+    static HvDispatcherThread* sCreate();
+
     HvUDPIDispatcher();
     ~HvUDPIDispatcher() override;
 };

@@ -2,51 +2,27 @@
 #include <HvUtil/HvDatagramPacket.h>
 #include <HvUtil/HvUDPEvent.h>
 
-#include <atomic>
 #include <memory>
 
 namespace {
 
 const char kTag[] = "HvUDPODispatcher";
 
-// The instance, set from creation until its thread ends. Published with
-// release order: a thread that finds the pointer also sees the object built.
-std::atomic<HvUDPODispatcher*> fsp_TheUDPODispatcher{nullptr};
-
-// Orders taking a reference on the instance against the instance forgetting
-// itself as its thread ends: whoever finds the pointer under it may hold the
-// object. Never destroyed: threads end while the process exits.
-std::mutex& instanceMutex()
+// The instance, set from creation until its thread ends, with the lock that
+// orders holding it against its end. Never destroyed: threads end while the
+// process exits.
+HvDispatcherThread::StartedOnFirstUse& fsp_TheUDPODispatcher()
 {
-    static std::mutex* mutex = new std::mutex;
-    return *mutex;
+    static HvDispatcherThread::StartedOnFirstUse* instance = new HvDispatcherThread::StartedOnFirstUse;
+    return *instance;
 }
 
-// The instance with a reference held, made first when `create` is set.
-HvHandle<HvUDPODispatcher> holdInstance(bool create)
-{
-    std::lock_guard<std::mutex> lock(instanceMutex());
-    HvUDPODispatcher* instance = fsp_TheUDPODispatcher.load(std::memory_order_acquire);
-    if (!instance && create)
-        instance = HvUDPODispatcher::getInstance();
-    return HvHandle<HvUDPODispatcher>(instance);
-}
-
-// Shutdown step: lets the dispatcher's thread, blocked on an empty queue,
-// see its termination. Nothing when there is no instance.
 void wakeQueue()
 {
-    HvHandle<HvUDPODispatcher> instance = holdInstance(false);
-    if (!instance.isNull())
-        instance->getEventQueue()->WakeUpAll();
+    fsp_TheUDPODispatcher().wakeQueue();
 }
 
-// Installed at load, so that the shutdown finds it whether or not an
-// instance is ever made.
-struct HookInstaller {
-    HookInstaller() { HvThread::sSetShutdownHook(HvThread::WAKE_UDP_OUTPUT_DISPATCHER_QUEUE, &wakeQueue); }
-};
-const HookInstaller fs_hookInstaller;
+const HvDispatcherThread::ShutdownHookInstaller fs_hookInstaller(HvThread::WAKE_UDP_OUTPUT_DISPATCHER_QUEUE, &wakeQueue);
 
 } // namespace
 
@@ -71,36 +47,26 @@ HvUDPODispatcher::~HvUDPODispatcher()
         m_socket->close();
 }
 
+HvDispatcherThread* HvUDPODispatcher::sCreate()
+{
+    return new HvUDPODispatcher;
+}
+
 HvUDPODispatcher* HvUDPODispatcher::getInstance()
 {
-    HvUDPODispatcher* instance = fsp_TheUDPODispatcher.load(std::memory_order_acquire);
-    if (instance)
-        return instance;
-    instance = new HvUDPODispatcher;
-    fsp_TheUDPODispatcher.store(instance, std::memory_order_release);
-    // From here on the thread owns the object: it is deleted when the thread
-    // has ended and nobody holds it any more.
-    try {
-        instance->fork();
-    } catch (...) {
-        HvUDPODispatcher* self = instance;
-        fsp_TheUDPODispatcher.compare_exchange_strong(self, nullptr);
-        delete instance;
-        throw;
-    }
-    return instance;
+    return static_cast<HvUDPODispatcher*>(fsp_TheUDPODispatcher().get(&sCreate));
 }
 
 HvEventQueue* HvUDPODispatcher::getUDPEventQueue()
 {
-    HvUDPODispatcher* instance = fsp_TheUDPODispatcher.load(std::memory_order_acquire);
+    HvDispatcherThread* instance = fsp_TheUDPODispatcher().find();
     return instance ? instance->getEventQueue() : nullptr;
 }
 
 void HvUDPODispatcher::sAddEvent(HvBaseEvent* event)
 {
     std::unique_ptr<HvBaseEvent> owned(event);
-    HvHandle<HvUDPODispatcher> instance = holdInstance(true);
+    HvHandle<HvUDPODispatcher> instance = fsp_TheUDPODispatcher().hold(&sCreate);
     instance->getEventQueue()->addItem(owned.release());
 }
 
@@ -123,9 +89,7 @@ void HvUDPODispatcher::process(HvBaseEvent* event)
 
 void HvUDPODispatcher::atExit()
 {
-    std::lock_guard<std::mutex> lock(instanceMutex());
-    HvUDPODispatcher* self = this;
-    fsp_TheUDPODispatcher.compare_exchange_strong(self, nullptr, std::memory_order_acq_rel);
+    fsp_TheUDPODispatcher().forget(this);
 }
 
 void HvUDPODispatcher::setDatagramSocket(HvDatagramSocket* socket)

@@ -50,6 +50,9 @@ public:
     static void operator delete(void* p, std::size_t size, std::align_val_t alignment);
 
 private:
+    // Makes the instance that getInstance() starts.
+    static HvDispatcherThread* sCreate();
+
     HvUDPODispatcher();
     // Closes the socket it holds.
     ~HvUDPODispatcher() override;
