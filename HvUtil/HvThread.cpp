@@ -35,7 +35,14 @@ static std::atomic<int> fs_liveThreads{0};
 // Serialises every use of the thread table: the shutdown iterates it while
 // threads add and remove themselves.
 static std::mutex fs_tableMutex;
-static std::atomic<HvThread::ShutdownHookFunction> fs_shutdownHooks[HvThread::SHUTDOWN_HOOK_COUNT];
+// The shutdown hooks. Classes install theirs from static initialisers of
+// other files, which may run before this file's: a function-local array is
+// ready whenever it is first asked for.
+static std::atomic<HvThread::ShutdownHookFunction>* shutdownHooks()
+{
+    static std::atomic<HvThread::ShutdownHookFunction> hooks[HvThread::SHUTDOWN_HOOK_COUNT];
+    return hooks;
+}
 // The calling thread's own object while main() has it registered.
 static thread_local HvThread* fs_pCurrentThread = nullptr;
 // True while the calling thread runs the main() of a fork(), so that it is
@@ -516,7 +523,7 @@ HvThread::ShutdownHookFunction HvThread::sSetShutdownHook(ShutdownHook slot, Shu
 {
     if (slot < 0 || slot >= SHUTDOWN_HOOK_COUNT)
         return nullptr;
-    return fs_shutdownHooks[slot].exchange(hook);
+    return shutdownHooks()[slot].exchange(hook);
 }
 
 void HvThread::sInitiateShutdown()
@@ -535,7 +542,7 @@ void HvThread::sInitiateShutdown()
     // Queues first, so that dispatchers blocked in getItem() see their
     // termination; then files and sockets, so that blocked reads return.
     for (int slot = 0; slot < SHUTDOWN_HOOK_COUNT; ++slot) {
-        ShutdownHookFunction hook = fs_shutdownHooks[slot].load();
+        ShutdownHookFunction hook = shutdownHooks()[slot].load();
         if (hook)
             hook();
     }
