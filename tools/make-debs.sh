@@ -21,9 +21,16 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
 
-cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-      -DHV_BUILD_TESTS=OFF -DHV_BUILD_BENCHMARKS=OFF >/dev/null
-cmake --build "$build" -j"$(nproc)" >/dev/null
+# Each step's output goes to a log in the build tree, shown when the step fails.
+step() {
+  local log="$build/$1.log"
+  shift
+  "$@" >"$log" 2>&1 || { cat "$log" >&2; echo "make-debs: '$*' failed" >&2; exit 1; }
+}
+mkdir -p "$build"
+step configure cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+     -DHV_BUILD_TESTS=OFF -DHV_BUILD_BENCHMARKS=OFF
+step build cmake --build "$build" -j"$(nproc)"
 rm -f "$build"/*.deb
-(cd "$build" && cpack -G DEB >/dev/null)
+step cpack cpack -G DEB -B "$build" --config "$build/CPackConfig.cmake"
 ls "$build"/*.deb

@@ -16,8 +16,16 @@ triplet=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 libdir="usr/lib/$triplet"
 
 fail() { echo "$*" >&2; exit 1; }
+# Under pipefail a reader that stops early (grep -q, head, awk's exit) can
+# fail the whole pipeline with SIGPIPE at random, so output is always taken
+# whole into a variable before it is searched.
+
 # Whether the Depends field $2 names package $1 (any version constraint).
-depends_on() { tr ',' '\n' <<<"$2" | awk '{print $1}' | grep -qxF "$1"; }
+depends_on() {
+  local names
+  names=$(tr ',' '\n' <<<"$2" | awk '{print $1}')
+  grep -qxF "$1" <<<"$names"
+}
 files_of() { dpkg-deb -c "$1" | awk '{print $6}' | grep -v '/$' | sed 's|^\./||' | sort; }
 
 # Runtime: exactly the two libraries and their SONAME links.
@@ -36,7 +44,8 @@ for file in "$libdir/libHvUtil.so" "$libdir/libVelmora.so" "$libdir/pkgconfig/hv
             "$libdir/cmake/HvUtil/HvUtilTargets.cmake"; do
   grep -qx "$file" <<<"$dev_files" || fail "dev package lacks $file"
 done
-if grep -v '^usr/include/' <<<"$dev_files" | grep -q '\.so\.'; then
+dev_libraries=$(grep -v '^usr/include/' <<<"$dev_files")
+if grep -q '\.so\.' <<<"$dev_libraries"; then
   fail "dev package carries versioned libraries"
 fi
 
@@ -48,10 +57,13 @@ dpkg-deb -x "$dev" "$work/root"
 # NEEDED (ACE, log4cplus and c-ares among them), as dpkg knows it here.
 # With a merged /usr, dpkg may know a library under /lib or under /usr/lib.
 owner() {
-  local real candidate
+  local real candidate found
   real=$(readlink -f "$1")
   for candidate in "$real" "${real#/usr}" "/usr$real"; do
-    dpkg-query -S "$candidate" 2>/dev/null | head -n1 | cut -d: -f1 | grep . && return 0
+    found=$(dpkg-query -S "$candidate" 2>/dev/null) || continue
+    found=${found%%$'\n'*}
+    echo "${found%%:*}"
+    return 0
   done
   return 1
 }
@@ -62,14 +74,15 @@ for soname in libACE libcares liblog4cplus; do
 done
 for soname in $needed; do
   [ "$soname" = libVelmora.so.1 ] && continue
-  path=$(ldconfig -p | awk -v so="$soname" '$1 == so {print $NF; exit}')
+  path=$(ldconfig -p | awk -v so="$soname" '$1 == so && !found {print $NF; found = 1}')
   [ -n "$path" ] || fail "$soname not found by ldconfig"
   package=$(owner "$path")
   depends_on "$package" "$runtime_depends" || fail "runtime Depends lacks $package ($soname): $runtime_depends"
 done
 dev_depends=$(dpkg-deb -f "$dev" Depends)
 version=$(dpkg-deb -f "$runtime" Version)
-tr ',' '\n' <<<"$dev_depends" | sed 's/^ *//' | grep -qxF "libhvutil1 (= $version)" || fail "dev Depends lacks libhvutil1 (= $version): $dev_depends"
+dev_entries=$(tr ',' '\n' <<<"$dev_depends" | sed 's/^ *//')
+grep -qxF "libhvutil1 (= $version)" <<<"$dev_entries" || fail "dev Depends lacks libhvutil1 (= $version): $dev_depends"
 for package in "$(owner "$(pkg-config --variable=pcfiledir ACE)/ACE.pc")" \
                "$(owner "$(pkg-config --variable=pcfiledir log4cplus)/log4cplus.pc")"; do
   depends_on "$package" "$dev_depends" || fail "dev Depends lacks $package: $dev_depends"
