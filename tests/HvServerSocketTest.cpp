@@ -5,6 +5,7 @@
 #include <HvUtil/HvSocketFactory.h>
 #include <HvUtil/HvSystemError.h>
 
+#include <tests/support/HvFailingClock.h>
 #include <tests/support/HvTestSockets.h>
 #include <tests/support/HvTestSupport.h>
 
@@ -16,23 +17,6 @@
 #include <sys/time.h>
 #include <time.h>
 
-// Sockets stamp their activity time through gettimeofday(); this definition
-// in the test program takes its place, so that a failing clock can make
-// accepting throw. Unless a test arms it, it reads the real clock.
-static std::atomic<int> fs_clockFailure{0};
-
-extern "C" int gettimeofday(struct timeval* __restrict now, void* __restrict) noexcept
-{
-    if (int error = fs_clockFailure.load()) {
-        errno = error;
-        return -1;
-    }
-    struct timespec precise;
-    clock_gettime(CLOCK_REALTIME, &precise);
-    now->tv_sec = precise.tv_sec;
-    now->tv_usec = precise.tv_nsec / 1000;
-    return 0;
-}
 
 namespace {
 
