@@ -88,24 +88,6 @@ std::string bytesOf(const HvDatagramPacket& packet)
     return std::string(reinterpret_cast<const char*>(data->getData()) + packet.getOffset(), packet.getLength());
 }
 
-// One datagram from `descriptor` (a zero-length one included); false after
-// the time-out.
-bool receiveDatagram(int descriptor, std::string& text, unsigned int* senderPort = nullptr)
-{
-    if (!hvtest::waitReady(descriptor, POLLIN))
-        return false;
-    std::vector<char> buffer(70000);
-    sockaddr_in sender;
-    socklen_t length = sizeof sender;
-    ssize_t got = ::recvfrom(descriptor, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&sender), &length);
-    if (got < 0)
-        return false;
-    text.assign(buffer.data(), static_cast<std::size_t>(got));
-    if (senderPort)
-        *senderPort = ntohs(sender.sin_port);
-    return true;
-}
-
 std::string pattern(std::size_t size)
 {
     std::string text(size, '\0');
@@ -320,7 +302,7 @@ TEST(HvDatagramSocketTest, ZeroLengthDatagramIsSent)
     EXPECT_EQ(0u, empty->getLength());
     socket->send(empty.get());
     std::string text = "not received";
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text));
+    ASSERT_TRUE(peer.receive(text));
     EXPECT_EQ("", text);
     socket->close();
 }
@@ -334,7 +316,7 @@ TEST(HvDatagramSocketTest, LargestDatagramIsSentWhole)
     const std::string text = pattern(65507);
     socket->send(packetTo(peer.port(), text).get());
     std::string received;
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), received));
+    ASSERT_TRUE(peer.receive(received));
     EXPECT_EQ(65507u, received.size());
     EXPECT_TRUE(received == text);
     socket->close();

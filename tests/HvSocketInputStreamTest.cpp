@@ -18,7 +18,6 @@
 #include <sys/time.h>
 #include <time.h>
 
-
 namespace {
 
 ::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
@@ -48,29 +47,8 @@ public:
     int availableCalls = 0;
 };
 
-// A client socket on a raw peer, and a stream on it.
-struct Fixture {
-    hvtest::RawListener listener;
-    HvHandle<HvClientSocket> socket;
-    hvtest::Descriptor peer;
-    HvHandle<ProbingInputStream> stream;
-    int descriptor = -1;
-
-    Fixture()
-    {
-        socket = new HvClientSocket(hvtest::loopback(), listener.port(), HvInetAddress());
-        peer = listener.accept();
-        EXPECT_TRUE(peer.valid());
-        descriptor = socket->getDescriptor();
-        stream = new ProbingInputStream(socket.get());
-    }
-    ~Fixture()
-    {
-        socket->close();
-        if (HvSocketFactory::sFromHandle(descriptor).get() == socket.get())
-            HvSocketFactory::sRemoveHandle(descriptor);
-    }
-
+// A client socket on a raw peer, and a probing stream on it.
+struct Fixture : hvtest::StreamOnRawPeer<ProbingInputStream> {
     // Sends `data` from the peer and waits until all of it is readable.
     void arrive(const std::string& data)
     {

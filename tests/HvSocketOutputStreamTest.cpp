@@ -16,29 +16,7 @@ namespace {
 
 ::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
-// A client socket on a raw peer, and a stream on it.
-struct Fixture {
-    hvtest::RawListener listener;
-    HvHandle<HvClientSocket> socket;
-    hvtest::Descriptor peer;
-    HvHandle<HvSocketOutputStream> stream;
-    int descriptor = -1;
-
-    Fixture()
-    {
-        socket = new HvClientSocket(hvtest::loopback(), listener.port(), HvInetAddress());
-        peer = listener.accept();
-        EXPECT_TRUE(peer.valid());
-        descriptor = socket->getDescriptor();
-        stream = new HvSocketOutputStream(socket.get());
-    }
-    ~Fixture()
-    {
-        socket->close();
-        if (HvSocketFactory::sFromHandle(descriptor).get() == socket.get())
-            HvSocketFactory::sRemoveHandle(descriptor);
-    }
-};
+using Fixture = hvtest::StreamOnRawPeer<HvSocketOutputStream>;
 
 std::string pattern(std::size_t size)
 {

@@ -40,24 +40,6 @@ bool released(HvObject* object)
     return hvtest::waitUntil([&] { return object->getRefCount() == 1; });
 }
 
-// One datagram (zero-length ones included) with its sender's port; false
-// after the time-out.
-bool receiveDatagram(int descriptor, std::string& text, unsigned int* senderPort = nullptr)
-{
-    if (!hvtest::waitReady(descriptor, POLLIN))
-        return false;
-    std::vector<char> buffer(70000);
-    sockaddr_in sender;
-    socklen_t length = sizeof sender;
-    ssize_t got = ::recvfrom(descriptor, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&sender), &length);
-    if (got < 0)
-        return false;
-    text.assign(buffer.data(), static_cast<std::size_t>(got));
-    if (senderPort)
-        *senderPort = ntohs(sender.sin_port);
-    return true;
-}
-
 HvThread::ShutdownHookFunction installedHook()
 {
     HvThread::ShutdownHookFunction hook = HvThread::sSetShutdownHook(HvThread::WAKE_UDP_OUTPUT_DISPATCHER_QUEUE, nullptr);
@@ -97,7 +79,7 @@ TEST(HvUDPODispatcherTest, FirstPacketMakesTheSharedSocketAndLaterPacketsReuseIt
     post(first.get());
     std::string text;
     unsigned int firstPort = 0;
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text, &firstPort));
+    ASSERT_TRUE(peer.receive(text, &firstPort));
     EXPECT_EQ("first", text);
     ASSERT_TRUE(released(first.get()));
 
@@ -113,7 +95,7 @@ TEST(HvUDPODispatcherTest, FirstPacketMakesTheSharedSocketAndLaterPacketsReuseIt
     HvHandle<HvDatagramPacket> second = packetTo(peer.port(), "second");
     post(second.get());
     unsigned int secondPort = 0;
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text, &secondPort));
+    ASSERT_TRUE(peer.receive(text, &secondPort));
     EXPECT_EQ("second", text);
     EXPECT_EQ(firstPort, secondPort);
     ASSERT_TRUE(released(second.get()));
@@ -127,7 +109,7 @@ TEST(HvUDPODispatcherTest, SetDatagramSocketReplacesTheSharedSocketAndClosesTheO
     HvHandle<HvDatagramPacket> before = packetTo(peer.port(), "before");
     post(before.get());
     std::string text;
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text));
+    ASSERT_TRUE(peer.receive(text));
     ASSERT_TRUE(released(before.get()));
     HvHandle<HvDatagramSocket> old = instance->getDatagramSocket();
     ASSERT_FALSE(old.isNull());
@@ -148,7 +130,7 @@ TEST(HvUDPODispatcherTest, SetDatagramSocketReplacesTheSharedSocketAndClosesTheO
     HvHandle<HvDatagramPacket> after = packetTo(peer.port(), "after");
     post(after.get());
     unsigned int senderPort = 0;
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text, &senderPort));
+    ASSERT_TRUE(peer.receive(text, &senderPort));
     EXPECT_EQ("after", text);
     EXPECT_EQ(port, senderPort);
     ASSERT_TRUE(released(after.get()));
@@ -167,9 +149,9 @@ TEST(HvUDPODispatcherTest, ZeroLengthAndLargestDatagramsAreSent)
     post(empty.get());
     post(largest.get());
     std::string text = "not received";
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text));
+    ASSERT_TRUE(peer.receive(text));
     EXPECT_EQ("", text);
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text));
+    ASSERT_TRUE(peer.receive(text));
     EXPECT_EQ(65507u, text.size());
     EXPECT_TRUE(text == large);
 }
@@ -186,7 +168,7 @@ TEST(HvUDPODispatcherTest, EventsWithoutAPacketSendNothing)
     HvHandle<HvDatagramPacket> marker = packetTo(peer.port(), "marker");
     post(marker.get());
     std::string text;
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text));
+    ASSERT_TRUE(peer.receive(text));
     EXPECT_EQ("marker", text);
     ASSERT_TRUE(released(marker.get()));
     EXPECT_TRUE(released(viaStreamEvent.get()));
@@ -204,7 +186,7 @@ TEST(HvUDPODispatcherTest, PacketsFromManyProducersAllGoOut)
     std::thread reader([&] {
         std::string text;
         while (received.size() < static_cast<std::size_t>(producers * perProducer) &&
-               receiveDatagram(peer.descriptor(), text))
+               peer.receive(text))
             received.insert(text);
     });
     std::vector<std::thread> threads;
@@ -229,7 +211,7 @@ TEST(HvUDPODispatcherTest, EndedInstanceClosesItsSocketAndForgetsItself)
     HvHandle<HvDatagramPacket> packet = packetTo(peer.port(), "last");
     post(packet.get());
     std::string text;
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text));
+    ASSERT_TRUE(peer.receive(text));
     ASSERT_TRUE(released(packet.get()));
     HvHandle<HvDatagramSocket> shared = HvUDPODispatcher::getInstance()->getDatagramSocket();
     ASSERT_FALSE(shared.isNull());
@@ -243,7 +225,7 @@ TEST(HvUDPODispatcherTest, EndedInstanceClosesItsSocketAndForgetsItself)
     // A later packet makes a new dispatcher, with a socket of its own.
     HvHandle<HvDatagramPacket> again = packetTo(peer.port(), "again");
     post(again.get());
-    ASSERT_TRUE(receiveDatagram(peer.descriptor(), text));
+    ASSERT_TRUE(peer.receive(text));
     EXPECT_EQ("again", text);
     ASSERT_TRUE(released(again.get()));
     EXPECT_NE(shared.get(), HvUDPODispatcher::getInstance()->getDatagramSocket().get());

@@ -7,7 +7,9 @@
 #ifndef HVUTIL_TESTS_HVTESTSOCKETS_H
 #define HVUTIL_TESTS_HVTESTSOCKETS_H
 
+#include <HvUtil/HvClientSocket.h>
 #include <HvUtil/HvInetAddress.h>
+#include <HvUtil/HvSocketFactory.h>
 
 #include <gtest/gtest.h>
 
@@ -28,6 +30,7 @@
 #include <fstream>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 namespace hvtest {
 
@@ -315,26 +318,64 @@ public:
                         sizeof address) == static_cast<ssize_t>(data.size());
     }
 
+    // One datagram, a zero-length one included, into `text`; false after the
+    // time-out. `senderPort` gets its source port.
+    bool receive(std::string& text, unsigned int* senderPort = nullptr, int timeoutMs = kPeerTimeoutMs)
+    {
+        if (!waitReady(m_socket.get(), POLLIN, timeoutMs))
+            return false;
+        // Room for the largest UDP payload, so nothing is ever cut here.
+        std::vector<char> buffer(65536);
+        sockaddr_in sender;
+        socklen_t length = sizeof sender;
+        ssize_t got = ::recvfrom(m_socket.get(), buffer.data(), buffer.size(), 0,
+                                 reinterpret_cast<sockaddr*>(&sender), &length);
+        if (got < 0)
+            return false;
+        text.assign(buffer.data(), static_cast<std::size_t>(got));
+        if (senderPort)
+            *senderPort = ntohs(sender.sin_port);
+        return true;
+    }
+
     // One datagram, or "" after the time-out; `senderPort` gets its source port.
     std::string receive(unsigned int* senderPort = nullptr, int timeoutMs = kPeerTimeoutMs)
     {
-        if (!waitReady(m_socket.get(), POLLIN, timeoutMs))
-            return std::string();
-        char buffer[65536];
-        sockaddr_in sender;
-        socklen_t length = sizeof sender;
-        ssize_t got =
-            ::recvfrom(m_socket.get(), buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&sender), &length);
-        if (got < 0)
-            return std::string();
-        if (senderPort)
-            *senderPort = ntohs(sender.sin_port);
-        return std::string(buffer, static_cast<std::size_t>(got));
+        std::string text;
+        receive(text, senderPort, timeoutMs);
+        return text;
     }
 
 private:
     Descriptor m_socket;
     unsigned int m_port = 0;
+};
+
+// A client socket connected to a raw peer, and a stream of type `Stream`
+// made on that socket. At the end the socket is closed and taken out of the
+// registry, which otherwise keeps closed sockets until their number is reused.
+template <class Stream>
+struct StreamOnRawPeer {
+    RawListener listener;
+    HvHandle<HvClientSocket> socket;
+    Descriptor peer;
+    HvHandle<Stream> stream;
+    int descriptor = -1;
+
+    StreamOnRawPeer()
+    {
+        socket = new HvClientSocket(loopback(), listener.port(), HvInetAddress());
+        peer = listener.accept();
+        EXPECT_TRUE(peer.valid());
+        descriptor = socket->getDescriptor();
+        stream = new Stream(socket.get());
+    }
+    ~StreamOnRawPeer()
+    {
+        socket->close();
+        if (HvSocketFactory::sFromHandle(descriptor).get() == socket.get())
+            HvSocketFactory::sRemoveHandle(descriptor);
+    }
 };
 
 } // namespace hvtest
