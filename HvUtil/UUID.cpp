@@ -66,42 +66,36 @@ uuid_time_t timestampOf(std::uint64_t microseconds)
     return microseconds * 10u + kGregorianOffset;
 }
 
-// The process-wide tick: the last clock reading in microseconds above
-// kCountBits bits that count the UUIDs made with it. One word, so that two
-// threads never take the same reading and count.
-const int kCountBits = 11;
-const std::uint64_t kCountMask = (std::uint64_t(1) << kCountBits) - 1;
-static_assert(UUID::UUIDS_PER_TICK <= kCountMask, "the tick count must fit its bits");
-std::atomic<std::uint64_t> fs_tick{0};
+// The process-wide tick: the timestamp of the last UUID made, in 100 ns
+// units. The clock moves in microseconds, 10 units at a time, while up to
+// UUIDS_PER_TICK UUIDs may be counted on from one reading; counting on from
+// the reading alone would give a later reading's timestamps a second time
+// (the 10th UUID of one microsecond and the first of the next). Every
+// timestamp is therefore taken above the last one made, so no two in the
+// process are equal, and at most UUIDS_PER_TICK lie above one reading.
+std::atomic<uuid_time_t> fs_lastTimestamp{0};
 pthread_once_t fs_tickOnce = PTHREAD_ONCE_INIT;
 
 // The first reading starts with its budget spent: the first UUID waits for
-// a fresh one.
+// the clock to move.
 void startTick()
 {
-    fs_tick.store((microsecondsNow() << kCountBits) | UUID::UUIDS_PER_TICK, std::memory_order_relaxed);
+    fs_lastTimestamp.store(timestampOf(microsecondsNow()) + UUID::UUIDS_PER_TICK - 1, std::memory_order_relaxed);
 }
 
-// The clock in 100 ns units plus the number of UUIDs already made with the
-// same reading, waiting for the clock when that reading's budget is spent.
+// The clock in 100 ns units, counted on past the last UUID's timestamp when
+// that is not older; waits for the clock when the reading's budget is spent.
 uuid_time_t currentTime()
 {
     pthread_once(&fs_tickOnce, startTick);
     for (;;) {
-        std::uint64_t now = microsecondsNow();
-        std::uint64_t last = fs_tick.load(std::memory_order_relaxed);
-        if ((last >> kCountBits) != now) {
-            if (fs_tick.compare_exchange_weak(last, (now << kCountBits) | 1u, std::memory_order_relaxed))
-                return timestampOf(now);
-            continue;
-        }
-        std::uint64_t made = last & kCountMask;
-        if (made < UUID::UUIDS_PER_TICK) {
-            if (fs_tick.compare_exchange_weak(last, last + 1, std::memory_order_relaxed))
-                return timestampOf(now) + made;
-            continue;
-        }
-        // Too fast for the clock: read it again until it moves.
+        uuid_time_t reading = timestampOf(microsecondsNow());
+        uuid_time_t last = fs_lastTimestamp.load(std::memory_order_relaxed);
+        uuid_time_t next = last < reading ? reading : last + 1;
+        if (next - reading >= UUID::UUIDS_PER_TICK)
+            continue; // too fast for the clock: read it again until it moves
+        if (fs_lastTimestamp.compare_exchange_weak(last, next, std::memory_order_relaxed))
+            return next;
     }
 }
 

@@ -138,7 +138,9 @@ TEST(UUID, NullBufferIsLeftAlone)
 }
 
 // Two threads make 50,000 UUIDs each: all 100,000 are distinct and well
-// formed. The threads' states are their own and are freed when they end
+// formed, and no timestamp is given twice, not even to UUIDs of different
+// threads (counting on from one clock reading must never reach the next
+// reading's timestamps). The threads' states are their own and are freed when they end
 // (the address sanitizer build reports a leak otherwise).
 TEST(UUID, HundredThousandFromTwoThreadsAreDistinctAndWellFormed)
 {
@@ -169,6 +171,7 @@ TEST(UUID, HundredThousandFromTwoThreadsAreDistinctAndWellFormed)
     ASSERT_TRUE(done) << "the threads did not finish";
 
     std::set<std::string> all;
+    std::set<std::uint64_t> stamps;
     int malformed = 0;
     for (const std::vector<std::string>& list : work->made) {
         ASSERT_EQ(static_cast<std::size_t>(kPerThread), list.size());
@@ -176,8 +179,10 @@ TEST(UUID, HundredThousandFromTwoThreadsAreDistinctAndWellFormed)
             if (!wellFormed(text) && ++malformed <= 5)
                 ADD_FAILURE() << "malformed " << text;
             all.insert(text);
+            stamps.insert(timestampOf(text));
         }
     }
     EXPECT_EQ(0, malformed);
     EXPECT_EQ(2u * kPerThread, all.size());
+    EXPECT_EQ(2u * kPerThread, stamps.size());
 }
