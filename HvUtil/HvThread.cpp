@@ -5,6 +5,7 @@
 #include <HvUtil/HvOutputStream.h>
 #include <HvUtil/HvProcess.h>
 #include <HvUtil/HvSystemError.h>
+#include <HvUtil/HvTime.h>
 #include <HvUtil/HvTokenTable.h>
 
 #include <Velmora/Assertion.h>
@@ -329,11 +330,38 @@ void HvThread::wait(unsigned int milliseconds)
             while (m_signals == 0)
                 pthread_cond_wait(&m_wakeup, &m_waitMutex);
         } else {
-            struct timeval now;
-            gettimeofday(&now, nullptr);
+            const bool monotonic = HvTime::sm_bMonotonicClock.load(std::memory_order_relaxed);
+            // Zero when the clock cannot be read: the deadline is then long
+            // past and the wait times out at once instead of reading garbage.
+            struct timeval now = {0, 0};
+            if (monotonic) {
+                struct timespec precise;
+                if (clock_gettime(CLOCK_MONOTONIC, &precise) == 0) {
+                    now.tv_sec = precise.tv_sec;
+                    now.tv_usec = static_cast<suseconds_t>(precise.tv_nsec / 1000);
+                }
+            } else {
+                long long offset = 0;
+                HvTime::sReadWallClock(&now, &offset);
+                // The system measures the deadline on its own clock, which a
+                // test offset of the library's clock does not move.
+                if (offset != 0) {
+                    long long microseconds = static_cast<long long>(now.tv_sec) * 1000000LL + now.tv_usec - offset;
+                    if (microseconds >= 0) {
+                        now.tv_sec = static_cast<time_t>(microseconds / 1000000LL);
+                        now.tv_usec = static_cast<suseconds_t>(microseconds % 1000000LL);
+                    }
+                }
+            }
             struct timespec deadline = sComputeDeadline(now, milliseconds);
             while (m_signals == 0) {
-                int result = pthread_cond_timedwait(&m_wakeup, &m_waitMutex, &deadline);
+                // The monotonic clock is chosen per wait rather than fixed in
+                // the condition variable's attributes: the switch may be set
+                // after threads (and their condition variables) exist, and
+                // with it off every wait stays pthread_cond_timedwait as it was.
+                int result = monotonic
+                                 ? pthread_cond_clockwait(&m_wakeup, &m_waitMutex, CLOCK_MONOTONIC, &deadline)
+                                 : pthread_cond_timedwait(&m_wakeup, &m_waitMutex, &deadline);
                 if (result == ETIMEDOUT)
                     break;
                 if (result == EINVAL) {

@@ -69,7 +69,9 @@ public:
 
     // Sleeps until signalled or until the time-out (kNoTimeout: none).
     // Returns at once when the state is EXITING or a signal is pending; one
-    // wait consumes every pending signal.
+    // wait consumes every pending signal. The time-out is measured on the
+    // wall clock (HvTime::sReadWallClock), or on CLOCK_MONOTONIC while
+    // HvTime::sm_bMonotonicClock is set.
     void wait(unsigned int milliseconds);
 
     // A thread that sees a state also sees what the thread wrote before it

@@ -1,0 +1,153 @@
+#include <HvUtil/HvScheduler.h>
+#include <HvUtil/HvMonitorThread.h>
+#include <HvUtil/HvMutex.h>
+#include <HvUtil/HvObserver.h>
+#include <HvUtil/HvTimer.h>
+#include <HvUtil/HvTimerDispatcher.h>
+#include <HvUtil/HvTimerEvent.h>
+
+#include <utility>
+#include <vector>
+
+HvScheduler::HvScheduler(HvMonitorThread* monitor)
+    : m_size(0), m_pMutex(nullptr)
+{
+    // The mutex comes first: if it cannot be made, no handle has been taken
+    // yet whose release could destroy a monitor that is still being built
+    // around this scheduler.
+    m_pMutex = HvMutex::sCreate();
+    m_monitor = monitor;
+}
+
+HvScheduler::~HvScheduler()
+{
+    HvMutex::sDestroy(m_pMutex);
+}
+
+double HvScheduler::schedule(unsigned int delayMs, HvObserver* observer, HvObject* argument)
+{
+    // Read before the lock, so that a failing clock files nothing.
+    const double now = HvTime::sGetCurrentTime();
+    const double due = static_cast<double>(static_cast<unsigned long long>(delayMs)) * 1000.0 + now;
+
+    double earliest;
+    // Released after the lock: it may be the last reference.
+    HvHandle<HvMonitorThread> monitor;
+    {
+        HvMutex::Lock lock(m_pMutex);
+        earliest = m_requests.empty() ? due + 1.0 : static_cast<double>(m_requests.begin()->first);
+        // An equal key goes after the equal keys already there.
+        m_requests.emplace(HvTime(due), HvNotificationData{HvHandle<HvObserver>(observer), HvHandle<HvObject>(argument)});
+        m_size.store(static_cast<unsigned int>(m_requests.size()), std::memory_order_relaxed);
+        monitor = m_monitor;
+    }
+    // Only a new earliest request changes how long the monitor sleeps. A
+    // scheduler whose monitor has gone (it left its loop) keeps the request
+    // but has nobody to wake.
+    if (earliest > due && !monitor.isNull())
+        monitor->signal();
+    return due;
+}
+
+bool HvScheduler::cancel(double time)
+{
+    if (time == 0.0)
+        return false;
+    // Destroyed after the lock: the last handle on an observer may run a
+    // destructor that schedules or cancels.
+    std::vector<HvNotificationData> removed;
+    {
+        HvMutex::Lock lock(m_pMutex);
+        std::pair<Store::iterator, Store::iterator> range = m_requests.equal_range(HvTime(time));
+        for (Store::iterator entry = range.first; entry != range.second; ++entry)
+            removed.push_back(std::move(entry->second));
+        m_requests.erase(range.first, range.second);
+        m_size.store(static_cast<unsigned int>(m_requests.size()), std::memory_order_relaxed);
+    }
+    return !removed.empty();
+}
+
+bool HvScheduler::cancel(HvObserver* observer, double time)
+{
+    if (time == 0.0)
+        return false;
+    std::vector<HvNotificationData> removed;
+    bool found = false;
+    {
+        HvMutex::Lock lock(m_pMutex);
+        std::pair<Store::iterator, Store::iterator> range = m_requests.equal_range(HvTime(time));
+        if (!observer) {
+            for (Store::iterator entry = range.first; entry != range.second; ++entry)
+                removed.push_back(std::move(entry->second));
+            m_requests.erase(range.first, range.second);
+            found = true;
+        } else {
+            for (Store::iterator entry = range.first; entry != range.second; ++entry) {
+                const HvHandle<HvObserver>& stored = entry->second.m_observer;
+                if (stored.isNull()) {
+                    // The handle's own check, reported as it would be; the
+                    // entry cannot match, so the walk goes on past it.
+                    Velmora::Assertion(false, "this != 0", HV_OBJECT_HEADER_PATH, HV_OBJECT_EMPTY_HANDLE_LINE);
+                    continue;
+                }
+                if (stored->compareWith(observer) == 0) {
+                    removed.push_back(std::move(entry->second));
+                    m_requests.erase(entry);
+                    found = true;
+                    break;
+                }
+            }
+        }
+        m_size.store(static_cast<unsigned int>(m_requests.size()), std::memory_order_relaxed);
+    }
+    return found;
+}
+
+double HvScheduler::processTimerEvents()
+{
+    double result = 0.0;
+    for (;;) {
+        HvHandle<HvObserver> observer;
+        HvHandle<HvObject> argument;
+        double due;
+        {
+            HvMutex::Lock lock(m_pMutex);
+            if (m_requests.empty())
+                return result;
+            Store::iterator first = m_requests.begin();
+            due = first->first;
+            const double remaining = due - static_cast<double>(HvTime::sGetCurrentTime());
+            // Due once within a millisecond of its time: the monitor sleeps
+            // in whole milliseconds, so firing up to 1 ms early beats firing late.
+            if (remaining > 1000.0)
+                return remaining;
+            observer = std::move(first->second.m_observer);
+            argument = std::move(first->second.m_argument);
+            m_requests.erase(first);
+            m_size.store(static_cast<unsigned int>(m_requests.size()), std::memory_order_relaxed);
+        }
+        // A request without an observer ends the pass with 0.0, so the
+        // requests behind it wait for the next schedule() to signal the
+        // monitor. Callers rely on that; keep it.
+        if (observer.isNull())
+            return result;
+        if (argument.isNull())
+            argument = new HvTimer(HvTime(due));
+        HvTimerDispatcher::sAddEvent(new HvTimerEvent(observer.get(), argument.get()));
+    }
+}
+
+void HvScheduler::setMonitorThread(HvMonitorThread* monitor)
+{
+    // Both released after the lock: either may hold the last reference.
+    Store dropped;
+    HvHandle<HvMonitorThread> previous(monitor);
+    {
+        HvMutex::Lock lock(m_pMutex);
+        if (!monitor) {
+            dropped.swap(m_requests);
+            m_size.store(0, std::memory_order_relaxed);
+        }
+        std::swap(previous, m_monitor);
+    }
+}

@@ -1,0 +1,10 @@
+#include <HvUtil/HvTimer.h>
+
+HvTimer::HvTimer(HvTime time)
+    : m_time(time)
+{
+}
+
+HvTimer::~HvTimer()
+{
+}
