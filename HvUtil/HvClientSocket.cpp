@@ -1,4 +1,6 @@
 #include <HvUtil/HvClientSocket.h>
+#include <HvUtil/HvBufferedInputStream.h>
+#include <HvUtil/HvBufferedOutputStream.h>
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvMutex.h>
@@ -11,6 +13,9 @@
 namespace {
 
 const char kTag[] = "HvClientSocket";
+
+// Buffer of the socket's output stream.
+const unsigned int kOutputBufferSize = 512;
 
 } // namespace
 
@@ -53,12 +58,17 @@ HvClientSocket::HvClientSocket(HvInetAddress remote, unsigned int port, HvInetAd
 HvClientSocket::~HvClientSocket()
 {
     close();
-    // The streams hold plain pointers to this socket; one that outlives it
-    // (a caller may keep its handle) must never reach it again.
-    if (HvSocketInputStream* input = dynamic_cast<HvSocketInputStream*>(m_inputStream.get()))
-        input->detachSocket();
-    if (HvSocketOutputStream* output = dynamic_cast<HvSocketOutputStream*>(m_outputStream.get()))
-        output->detachSocket();
+    // The socket streams under the buffered ones hold plain pointers to this
+    // socket; one that outlives it (a caller may keep its handle) must never
+    // reach it again.
+    if (HvBufferedInputStream* buffered = dynamic_cast<HvBufferedInputStream*>(m_inputStream.get())) {
+        if (HvSocketInputStream* input = dynamic_cast<HvSocketInputStream*>(buffered->getSourceStream().get()))
+            input->detachSocket();
+    }
+    if (HvBufferedOutputStream* buffered = dynamic_cast<HvBufferedOutputStream*>(m_outputStream.get())) {
+        if (HvSocketOutputStream* output = dynamic_cast<HvSocketOutputStream*>(buffered->getDestination().get()))
+            output->detachSocket();
+    }
     m_inputStream = HvHandle<HvInputStream>();
     m_outputStream = HvHandle<HvOutputStream>();
 }
@@ -109,20 +119,19 @@ int HvClientSocket::receive(HvHandle<HvByteArray> array, unsigned int offset, un
 HvHandle<HvInputStream> HvClientSocket::getInputStream()
 {
     HvMutex::Lock lock(getMutex());
-    // The buffered input stream goes around this one once that class exists;
-    // until then callers read the socket stream itself.
+    // Buffer size 0: the buffered stream sizes its buffer on the first fill.
     if (m_inputStream.isNull())
-        m_inputStream = new HvSocketInputStream(this);
+        m_inputStream = new HvBufferedInputStream(new HvSocketInputStream(this), 0);
     return m_inputStream;
 }
 
 HvHandle<HvOutputStream> HvClientSocket::getOutputStream()
 {
     HvMutex::Lock lock(getMutex());
-    // The 512-byte buffered output stream goes around this one once that
-    // class exists; until then callers write the socket stream itself.
+    // Small writes (header lines) are gathered into one send of up to 512
+    // bytes; writers flush at the end of each message.
     if (m_outputStream.isNull())
-        m_outputStream = new HvSocketOutputStream(this);
+        m_outputStream = new HvBufferedOutputStream(new HvSocketOutputStream(this), kOutputBufferSize);
     return m_outputStream;
 }
 

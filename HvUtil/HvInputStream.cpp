@@ -1,7 +1,9 @@
 #include <HvUtil/HvInputStream.h>
 #include <HvUtil/HvAssertionFailure.h>
+#include <HvUtil/HvBufferedInputStream.h>
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvErrorStream.h>
+#include <HvUtil/HvFileInputStream.h>
 #include <HvUtil/HvOutputStream.h>
 
 static HvHandle<HvInputStream> fs_hInputStream;
@@ -83,6 +85,12 @@ int HvInputStream::read(HvHandle<HvByteArray> array, unsigned int offset, unsign
 
 HvHandle<HvInputStream> HvInputStream::sGetDefault()
 {
+    // Made without a lock: the first call is expected before threads share
+    // the default.
+    if (fs_hInputStream.isNull()) {
+        HvHandle<HvFileInputStream> standardInput(new HvFileInputStream(0));
+        fs_hInputStream = new HvBufferedInputStream(standardInput.get(), 0);
+    }
     return fs_hInputStream;
 }
 

@@ -31,7 +31,10 @@ public:
     // the array means up to its end. A nil array reads nothing and gives 0.
     int read(HvHandle<HvByteArray> array, unsigned int offset, unsigned int length);
 
-    // The process-wide default input stream, nil until one is installed.
+    // The process-wide default input stream. Unless one was installed, the
+    // first call makes it: an HvBufferedInputStream (buffer made on the
+    // first fill) over an HvFileInputStream on descriptor 0. Not locked:
+    // call it once before threads share the default.
     static HvHandle<HvInputStream> sGetDefault();
     // Installs a default and returns the previous one (possibly nil).
     static HvHandle<HvInputStream> sSetDefault(HvInputStream& stream);

@@ -1,5 +1,7 @@
 #include <HvUtil/HvOutputStream.h>
+#include <HvUtil/HvBufferedOutputStream.h>
 #include <HvUtil/HvByteArray.h>
+#include <HvUtil/HvFileOutputStream.h>
 
 #include <cstdio>
 #include <cstring>
@@ -95,6 +97,12 @@ HvOutputStream& HvOutputStream::operator<<(const void* pointer)
 
 HvHandle<HvOutputStream> HvOutputStream::sGetDefault()
 {
+    // Made without a lock: the first call is expected before threads share
+    // the default. Buffered bytes reach descriptor 1 only when flushed.
+    if (fs_hOutputStream.isNull()) {
+        HvHandle<HvFileOutputStream> standardOutput(new HvFileOutputStream(1));
+        fs_hOutputStream = new HvBufferedOutputStream(standardOutput.get(), kDefaultBufferSize);
+    }
     return fs_hOutputStream;
 }
 

@@ -38,7 +38,13 @@ public:
         return manipulator(*this);
     }
 
-    // The process-wide default output stream, nil until one is installed.
+    // Size of the default output stream's buffer.
+    static const unsigned int kDefaultBufferSize = 512;
+    // The process-wide default output stream. Unless one was installed, the
+    // first call makes it: an HvBufferedOutputStream of kDefaultBufferSize
+    // bytes over an HvFileOutputStream on descriptor 1, which writes only
+    // when flushed (endl flushes) or full. Not locked: call it once before
+    // threads share the default.
     static HvHandle<HvOutputStream> sGetDefault();
     // Installs a default and returns the previous one (possibly nil).
     static HvHandle<HvOutputStream> sSetDefault(HvOutputStream& stream);

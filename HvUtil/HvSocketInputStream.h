@@ -40,6 +40,9 @@ public:
     // The state: kEmpty, kClosed or kHolding.
     unsigned int getState() const { return m_state.load(std::memory_order_relaxed); }
 
+    // The socket read from; null once the socket has gone.
+    HvClientSocket* getSocket() const { return m_pSocket.load(std::memory_order_relaxed); }
+
     // Called by the socket's destructor: the stream forgets the socket and is
     // closed, so a stream that outlives its socket never reaches it.
     void detachSocket();

@@ -1,5 +1,7 @@
 #include <HvUtil/HvClientSocket.h>
 
+#include <HvUtil/HvBufferedInputStream.h>
+#include <HvUtil/HvBufferedOutputStream.h>
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvInputStream.h>
 #include <HvUtil/HvOutputStream.h>
@@ -299,8 +301,16 @@ TEST(HvClientSocket, StreamsAreMadeOnceAndKept)
     HvHandle<HvOutputStream> output = connection.socket->getOutputStream();
     ASSERT_FALSE(input.isNull());
     ASSERT_FALSE(output.isNull());
-    EXPECT_NE(nullptr, dynamic_cast<HvSocketInputStream*>(input.get()));
-    EXPECT_NE(nullptr, dynamic_cast<HvSocketOutputStream*>(output.get()));
+    // Buffered input over the socket input stream, 512 bytes of buffered
+    // output over the socket output stream.
+    HvBufferedInputStream* bufferedInput = dynamic_cast<HvBufferedInputStream*>(input.get());
+    HvBufferedOutputStream* bufferedOutput = dynamic_cast<HvBufferedOutputStream*>(output.get());
+    ASSERT_NE(nullptr, bufferedInput);
+    ASSERT_NE(nullptr, bufferedOutput);
+    EXPECT_NE(nullptr, dynamic_cast<HvSocketInputStream*>(bufferedInput->getSourceStream().get()));
+    EXPECT_NE(nullptr, dynamic_cast<HvSocketOutputStream*>(bufferedOutput->getDestination().get()));
+    EXPECT_EQ(0u, bufferedInput->getCapacity());
+    EXPECT_EQ(512u, bufferedOutput->getCapacity());
     EXPECT_EQ(input.get(), connection.socket->getInputStream().get());
     EXPECT_EQ(output.get(), connection.socket->getOutputStream().get());
 }
@@ -332,6 +342,7 @@ TEST(HvClientSocket, StreamsWriteAndReadTheConnection)
     Connection connection;
     HvHandle<HvOutputStream> output = connection.socket->getOutputStream();
     output->write("INVITE", 6, 0);
+    output->flush();
     EXPECT_EQ("INVITE", hvtest::readExactly(connection.peer.get(), 6));
     ASSERT_TRUE(hvtest::sendAll(connection.peer.get(), "200"));
     HvHandle<HvInputStream> input = connection.socket->getInputStream();

@@ -1,10 +1,12 @@
 #include <HvUtil/HvInputStream.h>
 
 #include <HvUtil/HvAssertionFailure.h>
+#include <HvUtil/HvBufferedInputStream.h>
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvByteArrayOutputStream.h>
 #include <HvUtil/HvErrorStream.h>
 #include <HvUtil/HvException.h>
+#include <HvUtil/HvFileInputStream.h>
 
 #include <Velmora/MemAllocator.h>
 
@@ -369,17 +371,47 @@ TEST(HvInputStream, ReadIntoNilArrayReadsNothing)
 
 // ---- process default ----
 
-TEST(HvInputStream, DefaultIsNilUntilSetAndSetReturnsThePrevious)
+// Ends a death-test child with a reason on stderr.
+[[noreturn]] void failChild(const char* reason)
 {
-    // Checked in a fresh process: nothing else may have installed a default.
+    ssize_t written = ::write(2, reason, std::strlen(reason));
+    (void)written;
+    _exit(1);
+}
+
+TEST(HvInputStream, DefaultIsMadeOnFirstUseAsABufferedStreamOverDescriptor0)
+{
+    // Checked in a fresh process: nothing else may have made or installed a
+    // default, and descriptor 0 can be replaced by a pipe.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
-            bool ok = HvInputStream::sGetDefault().isNull();
-            StringInputStream* first = new StringInputStream("x");
-            ok = ok && HvInputStream::sSetDefault(*first).isNull();
-            ok = ok && HvInputStream::sGetDefault() == first;
-            _exit(ok ? 0 : 1);
+            int ends[2];
+            if (::pipe(ends) != 0 || ::write(ends[1], "hello", 5) != 5 || ::dup2(ends[0], 0) != 0)
+                failChild("pipe set-up failed");
+            ::close(ends[1]);
+            HvHandle<HvInputStream> made = HvInputStream::sGetDefault();
+            HvBufferedInputStream* buffered = dynamic_cast<HvBufferedInputStream*>(made.get());
+            if (!buffered)
+                failChild("not an HvBufferedInputStream");
+            if (buffered->getCapacity() != 0)
+                failChild("buffer made before the first fill");
+            HvFileInputStream* file = dynamic_cast<HvFileInputStream*>(buffered->getSourceStream().get());
+            if (!file)
+                failChild("source is not an HvFileInputStream");
+            if (file->getDescriptor() != 0 || file->isOwner())
+                failChild("source is not a wrapped descriptor 0");
+            if (!HvFileInputStream::sIsRegistered(0))
+                failChild("descriptor 0 not registered");
+            if (HvInputStream::sGetDefault() != made)
+                failChild("second call made another stream");
+            char buffer[8] = {0};
+            if (made->read() != 'h' || made->read(buffer, 8, 0) != 4 || std::string(buffer) != "ello" ||
+                made->read() != -1)
+                failChild("wrong bytes from descriptor 0");
+            if (HvInputStream::sSetDefault(*new StringInputStream("x")) != made)
+                failChild("installing did not return the made default");
+            _exit(0);
         },
         testing::ExitedWithCode(0), "");
 }

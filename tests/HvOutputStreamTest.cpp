@@ -1,7 +1,9 @@
 #include <HvUtil/HvOutputStream.h>
 
+#include <HvUtil/HvBufferedOutputStream.h>
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvByteArrayOutputStream.h>
+#include <HvUtil/HvFileOutputStream.h>
 #include <HvUtil/HvString.h>
 
 #include <tests/support/HvTestSupport.h>
@@ -11,8 +13,10 @@
 #include <cfloat>
 #include <climits>
 #include <cstdint>
+#include <cstring>
 #include <cstdio>
 #include <string>
+#include <fcntl.h>
 #include <unistd.h>
 #include <vector>
 
@@ -399,17 +403,61 @@ TEST(HvOutputStream, StreamsStringText)
 
 // ---- process default ----
 
-TEST(HvOutputStream, DefaultIsNilUntilSetAndSetReturnsThePrevious)
+// Ends a death-test child with a reason on stderr.
+[[noreturn]] void failChild(const char* reason)
 {
-    // Checked in a fresh process: nothing else may have installed a default.
+    ssize_t written = ::write(2, reason, std::strlen(reason));
+    (void)written;
+    _exit(1);
+}
+
+// What the pipe holds now, without waiting.
+std::string drain(int fd)
+{
+    std::string all;
+    char buffer[1024];
+    ssize_t n;
+    while ((n = ::read(fd, buffer, sizeof buffer)) > 0)
+        all.append(buffer, static_cast<std::size_t>(n));
+    return all;
+}
+
+TEST(HvOutputStream, DefaultIsMadeOnFirstUseAsA512ByteBufferOverDescriptor1)
+{
+    // Checked in a fresh process: nothing else may have made or installed a
+    // default, and descriptor 1 can be replaced by a pipe.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
-            bool ok = HvOutputStream::sGetDefault().isNull();
-            RecordingOutputStream* first = new RecordingOutputStream;
-            ok = ok && HvOutputStream::sSetDefault(*first).isNull();
-            ok = ok && HvOutputStream::sGetDefault() == first;
-            _exit(ok ? 0 : 1);
+            int ends[2];
+            if (::pipe(ends) != 0 || ::dup2(ends[1], 1) != 1 || ::fcntl(ends[0], F_SETFL, O_NONBLOCK) != 0)
+                failChild("pipe set-up failed");
+            ::close(ends[1]);
+            HvHandle<HvOutputStream> made = HvOutputStream::sGetDefault();
+            HvBufferedOutputStream* buffered = dynamic_cast<HvBufferedOutputStream*>(made.get());
+            if (!buffered)
+                failChild("not an HvBufferedOutputStream");
+            if (buffered->getCapacity() != 512)
+                failChild("buffer is not 512 bytes");
+            HvFileOutputStream* file = dynamic_cast<HvFileOutputStream*>(buffered->getDestination().get());
+            if (!file)
+                failChild("destination is not an HvFileOutputStream");
+            if (file->getDescriptor() != 1 || file->isOwner())
+                failChild("destination is not a wrapped descriptor 1");
+            if (HvOutputStream::sGetDefault() != made)
+                failChild("second call made another stream");
+            *made << "abc";
+            if (!drain(ends[0]).empty())
+                failChild("written before a flush");
+            made->flush();
+            if (drain(ends[0]) != "abc")
+                failChild("flush did not reach descriptor 1");
+            *made << "line" << endl;
+            if (drain(ends[0]) != "line\n")
+                failChild("endl did not flush");
+            if (HvOutputStream::sSetDefault(*new RecordingOutputStream) != made)
+                failChild("installing did not return the made default");
+            _exit(0);
         },
         testing::ExitedWithCode(0), "");
 }

@@ -41,9 +41,17 @@ struct Server {
             HvHandle<HvInputStream> input = socket->getInputStream();
             char buffer[64];
             while (self.getState() != HvThread::EXITING && socket->block()) {
-                int got = input->read(buffer, sizeof buffer, 0);
-                if (got > 0)
+                // Only what block() buffered: asking the buffered stream for
+                // more would wait in the socket for the rest.
+                unsigned int waiting = input->available();
+                while (waiting > 0) {
+                    unsigned int want = waiting < sizeof buffer ? waiting : static_cast<unsigned int>(sizeof buffer);
+                    int got = input->read(buffer, want, 0);
+                    if (got <= 0)
+                        break;
                     bytes.fetch_add(got);
+                    waiting -= static_cast<unsigned int>(got);
+                }
             }
             ended.store(true);
         });

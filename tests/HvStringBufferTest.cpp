@@ -1000,6 +1000,51 @@ TEST(HvStringBuffer, PeekConsumesOnlyLeadingWhiteSpace)
     EXPECT_EQ(again->read(), ' ');
 }
 
+TEST(HvStringBuffer, PeekAtEndGivesEmptyBufferAndLeavesStreamAtEnd)
+{
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    HvHandle<HvInputStream> in(newStream("   "));
+    HvString token(HvStringBuffer::sPeek(nullptr, *in, ";"));
+    ASSERT_FALSE(token.isNull());
+    EXPECT_EQ(token->getLength(), 0u);
+    EXPECT_EQ(token->getCapacity(), 1u);
+    EXPECT_EQ(in->read(), -1);
+}
+
+TEST(HvStringBuffer, PeekIntoSharedBufferLeavesOtherHandleAlone)
+{
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    HvHandle<HvInputStream> in(newStream("new;"));
+    HvString mine(HvStringBuffer::sCreate("old", 0, 32));
+    HvString other(mine);
+    mine = HvStringBuffer::sPeek(mine.get(), *in, ";");
+    EXPECT_NE(mine.get(), other.get());
+    EXPECT_EQ(text(mine.get()), "new");
+    EXPECT_EQ(text(other.get()), "old");
+    EXPECT_EQ(in->read(), 'n');
+}
+
+TEST(HvStringBuffer, PeekOfStreamWithoutMarkThrowsTokenizerError)
+{
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    HvHandle<HvInputStream> in(new UnmarkableStream);
+    HvHandle<HvException> e = hvtest::thrownBy([&] { HvStringBuffer::sPeek(nullptr, *in, " "); });
+    ASSERT_FALSE(e.isNull());
+    EXPECT_STREQ(e->getMessage().c_str(), "Can only tokenize streams where mark supported");
+}
+
+TEST(HvStringBuffer, ParseTakesNulAnd0xFFBytesAsData)
+{
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    const char bytes[] = {'a', '\0', '\xff', 'b', ';', 'c'};
+    HvHandle<HvInputStream> in(new HvByteArrayInputStream(HvByteArray::sCreate(sizeof bytes, bytes).get(), 0, 0));
+    HvString token(HvStringBuffer::sParse(nullptr, *in, ";"));
+    ASSERT_FALSE(token.isNull());
+    EXPECT_EQ(token->getLength(), 4u);
+    EXPECT_EQ(std::string(token->getData(), 4), std::string(bytes, 4));
+    EXPECT_EQ(in->read(), ';');
+}
+
 // ---------------------------------------------------------------- clone/display
 
 TEST(HvStringBuffer, CloneCopiesTextAndCapacity)

@@ -229,6 +229,20 @@ TEST(HvString, ExtractionIntoSharedStringLeavesOtherHandleAlone)
     EXPECT_STREQ(other.c_str(), "old text");
 }
 
+TEST(HvString, ExtractionFromStreamWithoutMarkThrowsAndKeepsTheString)
+{
+    hvtest::LeakCheck leaks("HvStringBuffer");
+    class Unmarkable : public HvInputStream {
+    public:
+        int read() override { return 'x'; }
+        using HvInputStream::read;
+    };
+    HvHandle<HvInputStream> in(new Unmarkable);
+    HvString word("kept");
+    EXPECT_EQ(hvtest::messageOf([&] { *in >> word; }), "Can only tokenize streams where mark supported");
+    EXPECT_STREQ(word.c_str(), "kept");
+}
+
 TEST(HvString, InsertionIntoHvOutputStreamWritesTextOnly)
 {
     hvtest::LeakCheck leaks("HvStringBuffer");
