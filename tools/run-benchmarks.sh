@@ -26,9 +26,10 @@ fi
 jobs="${JOBS:-2}"
 
 # The only things this script installs: Google Benchmark's headers and
-# library, and OpenSSL's (the anchor of the encoding benchmarks).
+# library, OpenSSL's (the anchor of the encoding benchmarks) and Boost's
+# headers (Asio, the anchor of the timer benchmarks).
 missing=()
-for package in libbenchmark-dev libssl-dev; do
+for package in libbenchmark-dev libssl-dev libboost-dev; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
         missing+=("$package")
     fi
