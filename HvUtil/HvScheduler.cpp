@@ -6,8 +6,8 @@
 #include <HvUtil/HvTimerDispatcher.h>
 #include <HvUtil/HvTimerEvent.h>
 
+#include <iterator>
 #include <utility>
-#include <vector>
 
 HvScheduler::HvScheduler(HvMonitorThread* monitor)
     : m_size(0), m_pMutex(nullptr)
@@ -30,21 +30,22 @@ double HvScheduler::schedule(unsigned int delayMs, HvObserver* observer, HvObjec
     const double now = HvTime::sGetCurrentTime();
     const double due = static_cast<double>(static_cast<unsigned long long>(delayMs)) * 1000.0 + now;
 
-    double earliest;
-    // Released after the lock: it may be the last reference.
+    // Released after the lock: it may be the last reference. Taken only when
+    // the monitor must be woken, so the common case costs no reference count.
     HvHandle<HvMonitorThread> monitor;
     {
         HvMutex::Lock lock(m_pMutex);
-        earliest = m_requests.empty() ? due + 1.0 : static_cast<double>(m_requests.begin()->first);
+        // Only a new earliest request changes how long the monitor sleeps.
+        const bool earliest = m_requests.empty() || static_cast<double>(m_requests.begin()->first) > due;
         // An equal key goes after the equal keys already there.
         m_requests.emplace(HvTime(due), HvNotificationData{HvHandle<HvObserver>(observer), HvHandle<HvObject>(argument)});
         m_size.store(static_cast<unsigned int>(m_requests.size()), std::memory_order_relaxed);
-        monitor = m_monitor;
+        if (earliest)
+            monitor = m_monitor;
     }
-    // Only a new earliest request changes how long the monitor sleeps. A
-    // scheduler whose monitor has gone (it left its loop) keeps the request
+    // A scheduler whose monitor has gone (it left its loop) keeps the request
     // but has nobody to wake.
-    if (earliest > due && !monitor.isNull())
+    if (!monitor.isNull())
         monitor->signal();
     return due;
 }
@@ -55,14 +56,11 @@ bool HvScheduler::cancel(double time)
         return false;
     // Destroyed after the lock: the last handle on an observer may run a
     // destructor that schedules or cancels.
-    std::vector<HvNotificationData> removed;
+    Store removed;
     {
         HvMutex::Lock lock(m_pMutex);
         std::pair<Store::iterator, Store::iterator> range = m_requests.equal_range(HvTime(time));
-        for (Store::iterator entry = range.first; entry != range.second; ++entry)
-            removed.push_back(std::move(entry->second));
-        m_requests.erase(range.first, range.second);
-        m_size.store(static_cast<unsigned int>(m_requests.size()), std::memory_order_relaxed);
+        moveOut(range.first, range.second, removed);
     }
     return !removed.empty();
 }
@@ -71,15 +69,13 @@ bool HvScheduler::cancel(HvObserver* observer, double time)
 {
     if (time == 0.0)
         return false;
-    std::vector<HvNotificationData> removed;
+    Store removed;
     bool found = false;
     {
         HvMutex::Lock lock(m_pMutex);
         std::pair<Store::iterator, Store::iterator> range = m_requests.equal_range(HvTime(time));
         if (!observer) {
-            for (Store::iterator entry = range.first; entry != range.second; ++entry)
-                removed.push_back(std::move(entry->second));
-            m_requests.erase(range.first, range.second);
+            moveOut(range.first, range.second, removed);
             found = true;
         } else {
             for (Store::iterator entry = range.first; entry != range.second; ++entry) {
@@ -91,16 +87,23 @@ bool HvScheduler::cancel(HvObserver* observer, double time)
                     continue;
                 }
                 if (stored->compareWith(observer) == 0) {
-                    removed.push_back(std::move(entry->second));
-                    m_requests.erase(entry);
+                    moveOut(entry, std::next(entry), removed);
                     found = true;
                     break;
                 }
             }
         }
-        m_size.store(static_cast<unsigned int>(m_requests.size()), std::memory_order_relaxed);
     }
     return found;
+}
+
+void HvScheduler::moveOut(Store::iterator first, Store::iterator last, Store& into)
+{
+    // Node hand-over: no allocation and no copy under the lock; the entries
+    // die with `into`, after the caller has released the lock.
+    while (first != last)
+        into.insert(m_requests.extract(first++));
+    m_size.store(static_cast<unsigned int>(m_requests.size()), std::memory_order_relaxed);
 }
 
 double HvScheduler::processTimerEvents()

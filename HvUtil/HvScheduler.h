@@ -65,6 +65,9 @@ public:
 
 private:
     using Store = std::multimap<HvTime, HvNotificationData, std::less<HvTime>>;
+    // Moves [first, last) of the requests into `into` and updates the size;
+    // called with the mutex held.
+    void moveOut(Store::iterator first, Store::iterator last, Store& into);
 
     Store m_requests;
     // Written under the mutex, read without it by getSize().
