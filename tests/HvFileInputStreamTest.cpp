@@ -5,6 +5,7 @@
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvSystemError.h>
 
+#include <tests/support/HvTestFiles.h>
 #include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
@@ -20,48 +21,19 @@
 
 namespace {
 
-// A scratch directory of its own for each test, removed afterwards.
-class HvFileInputStreamTest : public ::testing::Test {
+class HvFileInputStreamTest : public hvtest::ScratchDirectoryTest {
 protected:
-    void SetUp() override
-    {
-        char pattern[] = "/tmp/HvFileInputStreamTest.XXXXXX";
-        ASSERT_NE(nullptr, ::mkdtemp(pattern));
-        m_dir = pattern;
-    }
-    void TearDown() override { std::filesystem::remove_all(m_dir); }
-
     // Creates the file `name` holding `content`; returns its path.
     std::string makeFile(const std::string& name, const std::string& content)
     {
-        std::string path = m_dir + "/" + name;
-        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        EXPECT_NE(-1, fd);
-        EXPECT_EQ(static_cast<ssize_t>(content.size()), ::write(fd, content.data(), content.size()));
-        ::close(fd);
+        std::string path = pathOf(name);
+        writeFile(path, content);
         return path;
     }
-
-    std::string m_dir;
 };
 
-bool isOpen(int fd)
-{
-    return ::fcntl(fd, F_GETFD) != -1;
-}
-
-// Checks that f throws HvSystemError with this message and error number.
-template <class F>
-void expectSystemError(F f, const std::string& message, int errorNumber)
-{
-    HvHandle<HvException> e = hvtest::thrownBy(f);
-    ASSERT_FALSE(e.isNull()) << "no exception";
-    EXPECT_STREQ("HvSystemError", e->getClassName());
-    EXPECT_EQ(message, e->getMessage().c_str());
-    HvSystemError* error = dynamic_cast<HvSystemError*>(e.get());
-    ASSERT_NE(nullptr, error);
-    EXPECT_EQ(errorNumber, error->getErrorNumber());
-}
+using hvtest::expectSystemError;
+using hvtest::isOpen;
 
 // Both ends of a pipe, closed at the end of the scope unless handed out.
 struct Pipe {

@@ -4,6 +4,7 @@
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvSystemError.h>
 
+#include <tests/support/HvTestFiles.h>
 #include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
@@ -26,51 +27,10 @@
 
 namespace {
 
-class HvFileOutputStreamTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        char pattern[] = "/tmp/HvFileOutputStreamTest.XXXXXX";
-        ASSERT_NE(nullptr, ::mkdtemp(pattern));
-        m_dir = pattern;
-    }
-    void TearDown() override { std::filesystem::remove_all(m_dir); }
+class HvFileOutputStreamTest : public hvtest::ScratchDirectoryTest {};
 
-    std::string pathOf(const std::string& name) const { return m_dir + "/" + name; }
-
-    std::string contentOf(const std::string& path) const
-    {
-        std::ifstream in(path, std::ios::binary);
-        std::ostringstream all;
-        all << in.rdbuf();
-        return all.str();
-    }
-
-    void makeFile(const std::string& path, const std::string& content)
-    {
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out << content;
-    }
-
-    std::string m_dir;
-};
-
-bool isOpen(int fd)
-{
-    return ::fcntl(fd, F_GETFD) != -1;
-}
-
-template <class F>
-void expectSystemError(F f, const std::string& message, int errorNumber)
-{
-    HvHandle<HvException> e = hvtest::thrownBy(f);
-    ASSERT_FALSE(e.isNull()) << "no exception";
-    EXPECT_STREQ("HvSystemError", e->getClassName());
-    EXPECT_EQ(message, e->getMessage().c_str());
-    HvSystemError* error = dynamic_cast<HvSystemError*>(e.get());
-    ASSERT_NE(nullptr, error);
-    EXPECT_EQ(errorNumber, error->getErrorNumber());
-}
+using hvtest::expectSystemError;
+using hvtest::isOpen;
 
 template <class F>
 void expectFilenameExpected(F f, unsigned int line)
@@ -127,7 +87,7 @@ TEST_F(HvFileOutputStreamTest, CreatesTheFileWithMode0644AndWritesToIt)
 TEST_F(HvFileOutputStreamTest, WritingAnExistingFileOverwritesFromTheStartAndKeepsTheTail)
 {
     std::string path = pathOf("old");
-    makeFile(path, "0123456789");
+    writeFile(path, "0123456789");
     {
         HvHandle<HvFileOutputStream> out(new HvFileOutputStream(path.c_str()));
         *out << "ab";
@@ -201,7 +161,7 @@ TEST_F(HvFileOutputStreamTest, FailedOpenThrowsSystemErrorNamedAfterThePath)
 TEST_F(HvFileOutputStreamTest, FailedWriteThrowsSystemError)
 {
     std::string path = pathOf("f");
-    makeFile(path, "x");
+    writeFile(path, "x");
     int fd = ::open(path.c_str(), O_RDONLY);
     ASSERT_NE(-1, fd);
     {

@@ -11,6 +11,7 @@
 #include <Velmora/LogCapture.h>
 #include <Velmora/MemAllocator.h>
 
+#include <tests/support/HvTestStreams.h>
 #include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
@@ -26,36 +27,9 @@ const char kOverflow[] = "HvParameters - Buffer overflow";
 const char kInvalid[] = "Invalid Parameter\n";
 const char kNoPair[] = "Parameter doesn't have Key/Value pair\n";
 
-// A memory stream (mark supported) over the bytes of `content`.
-HvHandle<HvInputStream> streamOf(const std::string& content)
-{
-    HvHandle<HvByteArray> bytes = HvByteArray::sCreate(static_cast<unsigned int>(content.size()), content.data());
-    return HvHandle<HvInputStream>(new HvByteArrayInputStream(bytes.get(), 0, 0));
-}
-
-// A stream over a text that cannot mark: reset() is the base class's
-// assertion failure.
-class UnmarkableStream : public HvInputStream {
-public:
-    explicit UnmarkableStream(const std::string& content) : m_content(content) {}
-    int read() override
-    {
-        return m_position < m_content.size() ? static_cast<unsigned char>(m_content[m_position++]) : -1;
-    }
-    using HvInputStream::read;
-
-private:
-    std::string m_content;
-    std::size_t m_position = 0;
-};
-
-std::string rest(HvInputStream& in)
-{
-    std::string text;
-    for (int c = in.read(); c != -1; c = in.read())
-        text.push_back(static_cast<char>(c));
-    return text;
-}
+using hvtest::rest;
+using hvtest::streamOf;
+using hvtest::UnmarkableStream;
 
 std::string textOf(const HvString& text)
 {

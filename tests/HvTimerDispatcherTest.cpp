@@ -4,6 +4,7 @@
 #include <HvUtil/HvTimerEvent.h>
 #include <HvUtil/HvUDPEvent.h>
 
+#include <tests/support/HvTestObservers.h>
 #include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
@@ -17,42 +18,13 @@ namespace {
 
 ::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
-// Records what it is given and on which thread.
-class RecordingObserver : public HvObserver {
-public:
-    void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_sources.push_back(source.get());
-        m_objects.push_back(object.get());
-        m_threads.push_back(pthread_self());
-    }
-    std::size_t count()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_objects.size();
-    }
-
-    std::mutex m_mutex;
-    std::vector<const HvObservable*> m_sources;
-    std::vector<const HvObject*> m_objects;
-    std::vector<pthread_t> m_threads;
-};
-
-HvThread::ShutdownHookFunction installedHook()
-{
-    HvThread::ShutdownHookFunction hook = HvThread::sSetShutdownHook(HvThread::WAKE_TIMER_DISPATCHER_QUEUE, nullptr);
-    HvThread::sSetShutdownHook(HvThread::WAKE_TIMER_DISPATCHER_QUEUE, hook);
-    return hook;
-}
-
 // Ends the current instance's thread the way the shutdown does, through the
 // installed hook, and waits until its thread is gone.
 void endInstance()
 {
     HvTimerDispatcher* instance = HvTimerDispatcher::getInstance();
     instance->terminate();
-    installedHook()();
+    hvtest::installedHook(HvThread::WAKE_TIMER_DISPATCHER_QUEUE)();
     ASSERT_TRUE(hvtest::waitUntil([] { return HvTimerDispatcher::getTimerEventQueue() == nullptr; }));
 }
 
@@ -62,7 +34,7 @@ void endInstance()
 TEST(HvTimerDispatcherTest, NoQueueBeforeTheFirstGetInstanceAndTheHookThenDoesNothing)
 {
     EXPECT_EQ(nullptr, HvTimerDispatcher::getTimerEventQueue());
-    HvThread::ShutdownHookFunction hook = installedHook();
+    HvThread::ShutdownHookFunction hook = hvtest::installedHook(HvThread::WAKE_TIMER_DISPATCHER_QUEUE);
     ASSERT_NE(nullptr, hook);
     hook();
     EXPECT_EQ(nullptr, HvTimerDispatcher::getTimerEventQueue());
@@ -110,7 +82,7 @@ TEST(HvTimerDispatcherTest, GetInstanceMakesAndStartsOneDefaultDispatcher)
 
 TEST(HvTimerDispatcherTest, TimerEventNotifiesItsObserverWithItsArgumentOnAPoolWorker)
 {
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     HvHandle<HvObject> argument(new HvTimer(HvTime(42.0)));
     HvTimerDispatcher::sAddEvent(new HvTimerEvent(observer.get(), argument.get()));
     ASSERT_TRUE(hvtest::waitUntil([&] { return observer->count() == 1; }));
@@ -123,7 +95,7 @@ TEST(HvTimerDispatcherTest, TimerEventNotifiesItsObserverWithItsArgumentOnAPoolW
 
 TEST(HvTimerDispatcherTest, EventsAddedToTheQueueDirectlyAreProcessedToo)
 {
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     HvTimerDispatcher::getInstance()->getEventQueue()->addItem(new HvTimerEvent(observer.get(), nullptr));
     ASSERT_TRUE(hvtest::waitUntil([&] { return observer->count() == 1; }));
     std::lock_guard<std::mutex> lock(observer->m_mutex);
@@ -132,7 +104,7 @@ TEST(HvTimerDispatcherTest, EventsAddedToTheQueueDirectlyAreProcessedToo)
 
 TEST(HvTimerDispatcherTest, EventsOfAnotherKindAndNilObserversGiveNoWork)
 {
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     HvHandle<HvObject> marker(new HvObject);
     HvTimerDispatcher::sAddEvent(new HvUDPEvent(observer.get(), marker.get()));
     HvTimerDispatcher::sAddEvent(new HvTimerEvent(nullptr, marker.get()));
@@ -149,7 +121,7 @@ TEST(HvTimerDispatcherTest, EventsOfAnotherKindAndNilObserversGiveNoWork)
 
 TEST(HvTimerDispatcherTest, ProducersAddingAtOnceLoseNothing)
 {
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     const int producers = 4;
     const int perProducer = 300;
     std::vector<std::thread> threads;
@@ -173,7 +145,7 @@ TEST(HvTimerDispatcherTest, EndedInstanceForgetsItselfAndANewOneIsMadeOnDemand)
     EXPECT_EQ(nullptr, HvTimerDispatcher::getTimerEventQueue());
     EXPECT_TRUE(hvtest::waitUntil([] { return hvtest::liveCount("HvDispatcherThread") == 0; }));
 
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     HvTimerDispatcher::sAddEvent(new HvTimerEvent(observer.get(), nullptr));
     ASSERT_TRUE(hvtest::waitUntil([&] { return observer->count() == 1; }));
     ASSERT_NE(nullptr, HvTimerDispatcher::getTimerEventQueue());

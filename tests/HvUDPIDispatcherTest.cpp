@@ -3,6 +3,7 @@
 #include <HvUtil/HvTCPEvent.h>
 #include <HvUtil/HvUDPEvent.h>
 
+#include <tests/support/HvTestObservers.h>
 #include <tests/support/HvTestSupport.h>
 
 #include <gtest/gtest.h>
@@ -16,42 +17,13 @@ namespace {
 
 ::testing::Environment* const fs_environment = hvtest::useDefaultScheduling();
 
-// Records what it is given and on which thread.
-class RecordingObserver : public HvObserver {
-public:
-    void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_sources.push_back(source.get());
-        m_objects.push_back(object.get());
-        m_threads.push_back(pthread_self());
-    }
-    std::size_t count()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_objects.size();
-    }
-
-    std::mutex m_mutex;
-    std::vector<const HvObservable*> m_sources;
-    std::vector<const HvObject*> m_objects;
-    std::vector<pthread_t> m_threads;
-};
-
-HvThread::ShutdownHookFunction installedHook()
-{
-    HvThread::ShutdownHookFunction hook = HvThread::sSetShutdownHook(HvThread::WAKE_UDP_INPUT_DISPATCHER_QUEUE, nullptr);
-    HvThread::sSetShutdownHook(HvThread::WAKE_UDP_INPUT_DISPATCHER_QUEUE, hook);
-    return hook;
-}
-
 // Ends the current instance's thread the way the shutdown does, through the
 // installed hook, and waits until the instance is gone.
 void endInstance()
 {
     HvUDPIDispatcher* instance = HvUDPIDispatcher::getInstance();
     instance->terminate();
-    installedHook()();
+    hvtest::installedHook(HvThread::WAKE_UDP_INPUT_DISPATCHER_QUEUE)();
     ASSERT_TRUE(hvtest::waitUntil([] { return hvtest::liveCount("HvUDPIDispatcher") == 0; }));
 }
 
@@ -59,7 +31,7 @@ void endInstance()
 TEST(HvUDPIDispatcherTest, NoQueueBeforeTheFirstGetInstanceAndTheHookThenDoesNothing)
 {
     EXPECT_EQ(nullptr, HvUDPIDispatcher::getUDPEventQueue());
-    HvThread::ShutdownHookFunction hook = installedHook();
+    HvThread::ShutdownHookFunction hook = hvtest::installedHook(HvThread::WAKE_UDP_INPUT_DISPATCHER_QUEUE);
     ASSERT_NE(nullptr, hook);
     hook();
     EXPECT_EQ(nullptr, HvUDPIDispatcher::getUDPEventQueue());
@@ -83,7 +55,7 @@ TEST(HvUDPIDispatcherTest, GetInstanceMakesAndStartsOneDispatcher)
 
 TEST(HvUDPIDispatcherTest, ObserverIsNotifiedWithTheObjectByAPoolWorker)
 {
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     HvHandle<HvObject> object(new HvObject);
     HvUDPIDispatcher::sAddEvent(new HvUDPEvent(observer.get(), object.get()));
     ASSERT_TRUE(hvtest::waitUntil([&] { return observer->count() == 1; }));
@@ -96,7 +68,7 @@ TEST(HvUDPIDispatcherTest, ObserverIsNotifiedWithTheObjectByAPoolWorker)
 
 TEST(HvUDPIDispatcherTest, EventsOfAnotherKindGiveNoWork)
 {
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     HvHandle<HvObject> marker(new HvObject);
     HvUDPIDispatcher::sAddEvent(new HvTCPEvent(observer.get(), marker.get()));
     HvUDPIDispatcher::sAddEvent(new HvUDPEvent(nullptr, marker.get()));
@@ -111,7 +83,7 @@ TEST(HvUDPIDispatcherTest, EventsOfAnotherKindGiveNoWork)
 
 TEST(HvUDPIDispatcherTest, ProducersPostingAtOnceThroughAddEventLoseNothing)
 {
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     const int producers = 4;
     const int perProducer = 300;
     std::vector<std::thread> threads;
@@ -134,7 +106,7 @@ TEST(HvUDPIDispatcherTest, NoQueueAfterTheInstanceEndedAndAtExitRanAndANewOneIsM
     endInstance();
     EXPECT_EQ(nullptr, HvUDPIDispatcher::getUDPEventQueue());
 
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     HvUDPIDispatcher::sAddEvent(new HvUDPEvent(observer.get(), nullptr));
     ASSERT_TRUE(hvtest::waitUntil([&] { return observer->count() == 1; }));
     ASSERT_NE(nullptr, HvUDPIDispatcher::getUDPEventQueue());
@@ -144,7 +116,7 @@ TEST(HvUDPIDispatcherTest, NoQueueAfterTheInstanceEndedAndAtExitRanAndANewOneIsM
 
 TEST(HvUDPIDispatcherTest, EndedInstanceTakesItsPoolWorkersAndQueuedEventsWithIt)
 {
-    HvHandle<RecordingObserver> observer(new RecordingObserver);
+    HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     HvUDPIDispatcher::sAddEvent(new HvUDPEvent(observer.get(), nullptr));
     ASSERT_TRUE(hvtest::waitUntil([&] { return observer->count() == 1; }));
     EXPECT_LE(2u, HvThread::sGetThreadCount());

@@ -1,0 +1,49 @@
+// Test observers and shutdown-hook access shared by the dispatcher tests.
+#ifndef HVUTIL_TESTS_HVTESTOBSERVERS_H
+#define HVUTIL_TESTS_HVTESTOBSERVERS_H
+
+#include <HvUtil/HvObservable.h>
+#include <HvUtil/HvObserver.h>
+#include <HvUtil/HvThread.h>
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <mutex>
+#include <vector>
+
+namespace hvtest {
+
+// Records what it is given and on which thread.
+class RecordingObserver : public HvObserver {
+public:
+    void onNotification(HvHandle<HvObservable> source, HvHandle<HvObject> object) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_sources.push_back(source.get());
+        m_objects.push_back(object.get());
+        m_threads.push_back(pthread_self());
+    }
+    std::size_t count()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_objects.size();
+    }
+
+    std::mutex m_mutex;
+    std::vector<const HvObservable*> m_sources;
+    std::vector<const HvObject*> m_objects;
+    std::vector<pthread_t> m_threads;
+};
+
+// The hook installed in `slot`, read without changing it.
+inline HvThread::ShutdownHookFunction installedHook(HvThread::ShutdownHook slot)
+{
+    HvThread::ShutdownHookFunction hook = HvThread::sSetShutdownHook(slot, nullptr);
+    HvThread::sSetShutdownHook(slot, hook);
+    return hook;
+}
+
+} // namespace hvtest
+
+#endif
