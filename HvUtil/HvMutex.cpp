@@ -15,6 +15,9 @@ static int fs_MutexInitializationCounter = 0;
 
 HvMutex* HvMutex::sCreate()
 {
+    // The ceiling never changes for the process; asking the kernel once keeps
+    // a system call off every object that makes a mutex.
+    static const int s_ceiling = sched_get_priority_max(SCHED_RR);
     void* storage = Velmora::DefaultStaticMemAllocator::allocate(sizeof(HvMutex), "HvMutex");
     HvMutex* mutex = new (storage) HvMutex;
     try {
@@ -24,7 +27,7 @@ HvMutex* HvMutex::sCreate()
                               "pthread_mutexattr_setpshared");
         HvSystemError::sCheck(pthread_mutexattr_setprotocol(&attr, PTHREAD_PRIO_NONE),
                               "pthread_mutexattr_setprotocol");
-        HvSystemError::sCheck(pthread_mutexattr_setprioceiling(&attr, sched_get_priority_max(SCHED_RR)),
+        HvSystemError::sCheck(pthread_mutexattr_setprioceiling(&attr, s_ceiling),
                               "pthread_mutexattr_setprioceiling");
         HvSystemError::sCheck(pthread_mutex_init(&mutex->m_mutex, &attr), "pthread_mutex_init");
         HvSystemError::sCheck(pthread_mutexattr_destroy(&attr), "pthread_mutexattr_destroy");
