@@ -8,6 +8,8 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Velmora {
 
@@ -27,13 +29,25 @@ struct alignas(16) BlockHeader {
 };
 
 // Tag records live as long as the process; they are found by text because
-// equal tags in different translation units need not share an address.
+// equal tags in different translation units need not share an address. The
+// map and its mutex are never destroyed, so that blocks released by static
+// destructors at exit still find their records.
+struct TagRegistry {
+    std::mutex mutex;
+    std::map<std::string, TagRecord*> records;
+};
+
+TagRegistry& tagRegistry()
+{
+    static TagRegistry* registry = new TagRegistry;
+    return *registry;
+}
+
 TagRecord* findRecordSlow(const char* tag)
 {
-    static std::mutex* mutex = new std::mutex;
-    static auto* records = new std::map<std::string, TagRecord*>;
-    std::lock_guard<std::mutex> lock(*mutex);
-    TagRecord*& record = (*records)[tag];
+    TagRegistry& registry = tagRegistry();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    TagRecord*& record = registry.records[tag];
     if (!record) {
         record = new TagRecord;
         record->name = tag;
@@ -123,6 +137,20 @@ AllocationStats allocationStats(const char* tag)
     TagRecord* record = findRecordSlow(tag);
     return AllocationStats{record->liveCount.load(std::memory_order_relaxed),
                            record->liveBytes.load(std::memory_order_relaxed)};
+}
+
+std::vector<std::pair<std::string, AllocationStats>> allAllocationStats()
+{
+    TagRegistry& registry = tagRegistry();
+    std::vector<std::pair<std::string, AllocationStats>> all;
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    all.reserve(registry.records.size());
+    for (const auto& entry : registry.records) {
+        const TagRecord* record = entry.second;
+        all.emplace_back(entry.first, AllocationStats{record->liveCount.load(std::memory_order_relaxed),
+                                                      record->liveBytes.load(std::memory_order_relaxed)});
+    }
+    return all;
 }
 
 } // namespace Velmora

@@ -5,6 +5,9 @@
 #define VELMORA_MEMALLOCATOR_H
 
 #include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace Velmora {
 
@@ -34,6 +37,12 @@ public:
 
 // Counters of both allocators, per tag (blocks of both kinds add up under one tag).
 AllocationStats allocationStats(const char* tag);
+
+// Every tag seen so far (allocated under, or asked about) with its counters,
+// sorted by tag; tags whose blocks are all released are listed with zeros.
+// Counters of different tags are read one after the other, not as one
+// snapshot, while other threads allocate.
+std::vector<std::pair<std::string, AllocationStats>> allAllocationStats();
 
 } // namespace Velmora
 
