@@ -8,6 +8,7 @@
 #include <Velmora/Assertion.h>
 
 #include <type_traits>
+#include <utility>
 
 class HvHandleBase {
 public:
@@ -23,6 +24,9 @@ public:
         if (m_pObject)
             m_pObject->AddRef();
     }
+    // Takes over the other handle's reference, which leaves it empty: no
+    // reference count is touched (each touch takes the object's mutex).
+    HvHandleBase(HvHandleBase&& other) noexcept : m_pObject(other.m_pObject) { other.m_pObject = nullptr; }
     // Conversion: `cast` is the dynamic cast of `source` to the handle's type.
     // Throws HvAssertionFailure "dynamic_cast failed on HvHandle construction"
     // when the source is not null but the cast is; the handle then holds null.
@@ -56,6 +60,18 @@ protected:
         if (previous)
             previous->Release(true);
     }
+    // Holds the other handle's object with its reference, leaving the other
+    // empty; the old object is released last, as in assign().
+    void take(HvHandleBase& other)
+    {
+        if (&other == this)
+            return;
+        const HvObject* previous = m_pObject;
+        m_pObject = other.m_pObject;
+        other.m_pObject = nullptr;
+        if (previous)
+            previous->Release(true);
+    }
     // Conversion assignment; throws HvAssertionFailure
     // "dynamic_cast failed on HvHandle assignment" when the cast fails, also
     // into an empty handle. The handle is then empty and its old object released.
@@ -70,6 +86,7 @@ public:
     HvHandle() {}
     HvHandle(T* object) : HvHandleBase(object) {}
     HvHandle(const HvHandle& other) : HvHandleBase(other) {}
+    HvHandle(HvHandle&& other) noexcept : HvHandleBase(std::move(other)) {}
 
     // From a pointer or handle of another type: an up-cast is taken as is, a
     // down-cast is checked; a wrong type throws HvAssertionFailure.
@@ -81,6 +98,11 @@ public:
     HvHandle& operator=(const HvHandle& other)
     {
         assign(other.m_pObject);
+        return *this;
+    }
+    HvHandle& operator=(HvHandle&& other) noexcept
+    {
+        take(other);
         return *this;
     }
     HvHandle& operator=(T* object)

@@ -110,6 +110,52 @@ TEST(HvHandle, CopyAddsReferenceAndLastHandleDestroys)
     EXPECT_EQ(destroyed, 1);
 }
 
+TEST(HvHandle, MoveTakesTheReferenceAndEmptiesTheSource)
+{
+    std::atomic<int> destroyed{0};
+    HvHandle<Counted> first(new Counted(&destroyed));
+    Counted* object = first.get();
+    HvHandle<Counted> second(std::move(first));
+    EXPECT_TRUE(first.isNull());
+    EXPECT_EQ(object, second.get());
+    EXPECT_EQ(1, object->getRefCount());
+    second = HvHandle<Counted>();
+    EXPECT_EQ(1, destroyed);
+}
+
+TEST(HvHandle, MoveAssignmentReleasesTheOldObjectAndKeepsTheCount)
+{
+    std::atomic<int> destroyedOld{0};
+    std::atomic<int> destroyedNew{0};
+    HvHandle<Counted> target(new Counted(&destroyedOld));
+    HvHandle<Counted> source(new Counted(&destroyedNew));
+    Counted* moved = source.get();
+    target = std::move(source);
+    EXPECT_EQ(1, destroyedOld);
+    EXPECT_TRUE(source.isNull());
+    EXPECT_EQ(moved, target.get());
+    EXPECT_EQ(1, moved->getRefCount());
+    EXPECT_EQ(0, destroyedNew);
+
+    HvHandle<Counted>& alias = target;
+    target = std::move(alias);
+    EXPECT_EQ(moved, target.get());
+    EXPECT_EQ(1, moved->getRefCount());
+    EXPECT_EQ(0, destroyedNew);
+}
+
+TEST(HvHandle, VectorGrowthMovesHandlesWithoutTouchingCounts)
+{
+    std::atomic<int> destroyed{0};
+    std::vector<HvHandle<Counted>> handles;
+    for (int i = 0; i < 100; ++i)
+        handles.push_back(HvHandle<Counted>(new Counted(&destroyed)));
+    for (const HvHandle<Counted>& handle : handles)
+        EXPECT_EQ(1, handle->getRefCount());
+    handles.clear();
+    EXPECT_EQ(100, destroyed);
+}
+
 TEST(HvHandle, ExtraAddRefKeepsObjectBeyondItsHandles)
 {
     std::atomic<int> destroyed{0};
