@@ -5,7 +5,6 @@
 
 #include <Velmora/Logger.h>
 
-#include <cstring>
 
 static const char fs_ErrorCanNotMark[] = "Can only tokenize streams where mark supported";
 static const char fs_ErrorFloatExpected[] = "floating-point value expected";
@@ -29,11 +28,19 @@ bool isWhite(int c)
     return c == '\r' || c == ' ' || c == '\t' || c == '\n';
 }
 
-// strchr would match the end of stream against a 0xFF delimiter and a NUL
-// data byte against the delimiter set's own terminator.
-bool isDelimiter(int c, const char* delimiters)
+// A plain walk of the set rather than strchr: the sets are a few characters
+// long and this runs once per byte read, where a library call costs more than
+// the comparisons. Neither the end of stream nor a NUL data byte may match
+// (strchr would match them against a 0xFF delimiter and the set's own
+// terminator).
+inline bool isDelimiter(int c, const char* delimiters)
 {
-    return c > 0 && delimiters && std::strchr(delimiters, c) != nullptr;
+    if (c <= 0 || !delimiters)
+        return false;
+    for (const char* d = delimiters; *d; ++d)
+        if (static_cast<unsigned char>(*d) == static_cast<unsigned int>(c))
+            return true;
+    return false;
 }
 
 bool isDigit(int c)
