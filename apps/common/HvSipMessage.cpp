@@ -106,29 +106,52 @@ bool readNumber(const char* text, unsigned int length, unsigned long limit, unsi
     return true;
 }
 
+// Follows a scan through quoted strings (with backslash escapes) and <...>,
+// inside which commas and semicolons separate nothing.
+class EnclosureTracker {
+public:
+    // True when text[i] belongs to a quoted string or <...>, its delimiters
+    // included; an escaped character is stepped over by advancing i.
+    bool enclosed(const char* text, unsigned int& i, unsigned int length)
+    {
+        const char c = text[i];
+        if (m_quoted) {
+            if (c == '\\' && i + 1 < length)
+                ++i;
+            else if (c == '"')
+                m_quoted = false;
+            return true;
+        }
+        if (c == '"') {
+            m_quoted = true;
+            return true;
+        }
+        if (m_angle) {
+            if (c == '>')
+                m_angle = false;
+            return true;
+        }
+        if (c == '<') {
+            m_angle = true;
+            return true;
+        }
+        return false;
+    }
+
+private:
+    bool m_quoted = false;
+    bool m_angle = false;
+};
+
 // Calls f(start, length) for each comma-separated element of a header value;
 // commas inside a quoted string or <...> do not separate.
 template <class F>
 void forEachElement(const char* text, unsigned int length, F f)
 {
-    bool quoted = false;
-    bool angle = false;
+    EnclosureTracker tracker;
     unsigned int start = 0;
     for (unsigned int i = 0; i < length; ++i) {
-        char c = text[i];
-        if (quoted) {
-            if (c == '\\' && i + 1 < length)
-                ++i;
-            else if (c == '"')
-                quoted = false;
-        } else if (c == '"') {
-            quoted = true;
-        } else if (angle) {
-            if (c == '>')
-                angle = false;
-        } else if (c == '<') {
-            angle = true;
-        } else if (c == ',') {
+        if (!tracker.enclosed(text, i, length) && text[i] == ',') {
             f(start, i - start);
             start = i + 1;
         }
@@ -505,25 +528,12 @@ bool HvSipMessage::sFindParameter(const char* text, unsigned int length, const c
     valueLength = 0;
     if (!text || !name)
         return false;
-    bool quoted = false;
-    bool angle = false;
+    EnclosureTracker tracker;
     for (unsigned int i = 0; i < length; ++i) {
-        char c = text[i];
-        if (quoted) {
-            if (c == '\\' && i + 1 < length)
-                ++i;
-            else if (c == '"')
-                quoted = false;
+        if (tracker.enclosed(text, i, length))
             continue;
-        }
-        if (c == '"') {
-            quoted = true;
-        } else if (angle) {
-            if (c == '>')
-                angle = false;
-        } else if (c == '<') {
-            angle = true;
-        } else if (c == ',') {
+        const char c = text[i];
+        if (c == ',') {
             return false;
         } else if (c == ';') {
             unsigned int start = i + 1;
