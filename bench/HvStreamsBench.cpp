@@ -273,6 +273,16 @@ std::string compareWithCorpus(const Corpus& corpus, const std::vector<std::strin
     return std::string();
 }
 
+// Rates of whole passes over the corpus: bytes, messages (items) and
+// messages per second.
+void countCorpusPasses(benchmark::State& state, const Corpus& corpus)
+{
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * corpus.bytes.size()));
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * corpus.lengths.size()));
+    state.counters["messages_per_second"] = benchmark::Counter(
+        static_cast<double>(state.iterations() * corpus.lengths.size()), benchmark::Counter::kIsRate);
+}
+
 void BM_Framing_HvReadIntoBuffer(benchmark::State& state)
 {
     const Corpus& corpus = sipCorpus(static_cast<std::size_t>(state.range(0)));
@@ -299,10 +309,7 @@ void BM_Framing_HvReadIntoBuffer(benchmark::State& state)
             return;
         }
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * corpus.bytes.size()));
-    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * corpus.lengths.size()));
-    state.counters["messages_per_second"] = benchmark::Counter(
-        static_cast<double>(state.iterations() * corpus.lengths.size()), benchmark::Counter::kIsRate);
+    countCorpusPasses(state, corpus);
 }
 BENCHMARK(BM_Framing_HvReadIntoBuffer)->Arg(500)->Arg(4096)->Unit(benchmark::kMillisecond);
 
@@ -330,10 +337,7 @@ void BM_Framing_HvBlock(benchmark::State& state)
             return;
         }
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * corpus.bytes.size()));
-    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * corpus.lengths.size()));
-    state.counters["messages_per_second"] = benchmark::Counter(
-        static_cast<double>(state.iterations() * corpus.lengths.size()), benchmark::Counter::kIsRate);
+    countCorpusPasses(state, corpus);
 }
 BENCHMARK(BM_Framing_HvBlock)->Arg(500)->Arg(4096)->Unit(benchmark::kMillisecond);
 

@@ -124,15 +124,8 @@ TEST(HvTimerDispatcherTest, ProducersAddingAtOnceLoseNothing)
     HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     const int producers = 4;
     const int perProducer = 300;
-    std::vector<std::thread> threads;
-    for (int producer = 0; producer < producers; ++producer) {
-        threads.emplace_back([&] {
-            for (int number = 0; number < perProducer; ++number)
-                HvTimerDispatcher::sAddEvent(new HvTimerEvent(observer.get(), nullptr));
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    hvtest::postConcurrently(producers, perProducer,
+                             [&] { HvTimerDispatcher::sAddEvent(new HvTimerEvent(observer.get(), nullptr)); });
     EXPECT_TRUE(hvtest::waitUntil([&] { return observer->count() == static_cast<std::size_t>(producers * perProducer); }));
     EXPECT_EQ(HvThread::RUNNING, HvTimerDispatcher::getInstance()->getState());
 }

@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -86,15 +85,8 @@ TEST(HvUDPIDispatcherTest, ProducersPostingAtOnceThroughAddEventLoseNothing)
     HvHandle<hvtest::RecordingObserver> observer(new hvtest::RecordingObserver);
     const int producers = 4;
     const int perProducer = 300;
-    std::vector<std::thread> threads;
-    for (int producer = 0; producer < producers; ++producer) {
-        threads.emplace_back([&] {
-            for (int number = 0; number < perProducer; ++number)
-                HvUDPIDispatcher::sAddEvent(new HvUDPEvent(observer.get(), nullptr));
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    hvtest::postConcurrently(producers, perProducer,
+                             [&] { HvUDPIDispatcher::sAddEvent(new HvUDPEvent(observer.get(), nullptr)); });
     EXPECT_TRUE(hvtest::waitUntil([&] { return observer->count() == static_cast<std::size_t>(producers * perProducer); }));
     EXPECT_EQ(HvThread::RUNNING, HvUDPIDispatcher::getInstance()->getState());
 }

@@ -13,28 +13,6 @@ const char kServer[] = "Server: hv-sip-responder\r\n";
 const char kContentLengthZero[] = "Content-Length: 0\r\n\r\n";
 const char kCrLf[] = "\r\n";
 
-// getHostAddress() shares one static buffer between all threads; replies
-// are built on many at once, so the dotted quad is formatted here.
-std::string dottedQuad(const HvInetAddress& address)
-{
-    std::uint32_t networkOrder = address.getAddress();
-    unsigned char bytes[4];
-    std::memcpy(bytes, &networkOrder, sizeof bytes);
-    std::string text;
-    text.reserve(15);
-    for (int i = 0; i < 4; ++i) {
-        if (i != 0)
-            text.push_back('.');
-        unsigned int b = bytes[i];
-        if (b >= 100)
-            text.push_back(static_cast<char>('0' + b / 100));
-        if (b >= 10)
-            text.push_back(static_cast<char>('0' + b / 10 % 10));
-        text.push_back(static_cast<char>('0' + b % 10));
-    }
-    return text;
-}
-
 bool equalsNoCase(const char* text, std::size_t length, const char* literal)
 {
     std::size_t i = 0;
@@ -94,6 +72,25 @@ struct Writer {
 
 } // namespace
 
+std::string HvSipReply::sDottedQuad(unsigned int networkOrder)
+{
+    unsigned char bytes[4];
+    std::memcpy(bytes, &networkOrder, sizeof bytes);
+    std::string text;
+    text.reserve(15);
+    for (int i = 0; i < 4; ++i) {
+        if (i != 0)
+            text.push_back('.');
+        unsigned int b = bytes[i];
+        if (b >= 100)
+            text.push_back(static_cast<char>('0' + b / 100));
+        if (b >= 10)
+            text.push_back(static_cast<char>('0' + b / 10 % 10));
+        text.push_back(static_cast<char>('0' + b % 10));
+    }
+    return text;
+}
+
 const char* HvSipReply::sReasonPhrase(unsigned int status)
 {
     switch (status) {
@@ -141,7 +138,7 @@ std::string HvSipReply::sStampTopVia(const std::string& via, const HvSipSource& 
 
 std::string HvSipReply::stampTopVia(const HvString& viaText, const std::string& via, const HvSipSource& source)
 {
-    std::string address = dottedQuad(source.address);
+    std::string address = sDottedQuad(source.address.getAddress());
     HvString host = HvSipMessage::sGetViaHost(viaText);
     bool rport = HvSipMessage::sHasParameter(viaText, "rport");
     bool addReceived = rport || host.length() != address.size() || host.compareWith(address.c_str()) != 0;

@@ -28,6 +28,10 @@ public:
     // 501 "Not Implemented"; others "Unknown").
     static const char* sReasonPhrase(unsigned int status);
 
+    // "a.b.c.d" for an address in network byte order. Any thread may call
+    // it: HvInetAddress::getHostAddress() shares one buffer among threads.
+    static std::string sDottedQuad(unsigned int networkOrder);
+
     // The To tag a stateless responder adds: derived from the Call-ID and
     // the From tag only, so a retransmitted request gets the same tag.
     static std::string sMakeToTag(const HvSipMessage& request);

@@ -39,8 +39,4 @@ public:
     virtual bool isReliable() const = 0;
 };
 
-// "a.b.c.d" for an address in network byte order, without the shared static
-// buffer of HvInetAddress::getHostAddress(), so any thread may call it.
-std::string hvSipDottedQuad(unsigned int networkOrderAddress);
-
 #endif

@@ -1,5 +1,7 @@
 #include "HvSipTcpClient.h"
 
+#include <HvSipReply.h>
+
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvDatagramPacket.h>
 #include <HvUtil/HvEventQueue.h>
@@ -56,7 +58,7 @@ HvSipTcpClient::HvSipTcpClient(HvInetAddress target, unsigned int targetPort, un
         for (unsigned int index = 0; index < connections; ++index) {
             std::unique_ptr<Connection> connection(new Connection);
             connection->socket = new HvClientSocket(target, targetPort, HvInetAddress());
-            connection->localHost = hvSipDottedQuad(connection->socket->getLocalAddress().getAddress());
+            connection->localHost = HvSipReply::sDottedQuad(connection->socket->getLocalAddress().getAddress());
             connection->localPort = connection->socket->getLocalPort();
             m_connections.push_back(std::move(connection));
         }

@@ -1,5 +1,7 @@
 #include "HvSipUdpClient.h"
 
+#include <HvSipReply.h>
+
 #include <HvUtil/HvByteArray.h>
 #include <HvUtil/HvDatagramPacket.h>
 #include <HvUtil/HvException.h>
@@ -79,7 +81,7 @@ HvSipUdpClient::HvSipUdpClient(HvInetAddress target, unsigned int targetPort, Hv
     m_socket = new HvDatagramSocket(0, local, false, kReceiveBufferSize);
     // The socket keeps the port it was asked for (0); the Via needs the real one.
     m_localPort = boundPort(m_socket->getDescriptor());
-    m_localHost = hvSipDottedQuad(local.getAddress());
+    m_localHost = HvSipReply::sDottedQuad(local.getAddress());
 
     m_receiver = new DatagramReceiver(sink);
     m_socket->attachObserver(m_receiver);

@@ -8,6 +8,8 @@
 #include "HvSipTcpFront.h"
 #include "HvSipUdpFront.h"
 
+#include <HvSipReply.h>
+
 #include <HvUtil/HvDatagramSocket.h>
 #include <HvUtil/HvException.h>
 #include <HvUtil/HvMutex.h>
@@ -76,16 +78,6 @@ bool canUseRealTimeScheduling()
     if (started)
         pthread_join(probe, nullptr);
     return started;
-}
-
-// Dotted quad of an address in network byte order. Formatted here, not by
-// HvInetAddress::getHostAddress(), whose text lives in one buffer shared by
-// every thread.
-std::string dottedQuad(unsigned int networkOrder)
-{
-    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&networkOrder);
-    return std::to_string(bytes[0]) + "." + std::to_string(bytes[1]) + "." + std::to_string(bytes[2]) + "." +
-           std::to_string(bytes[3]);
 }
 
 std::string messageOf(const HvHandle<HvException>& failure)
@@ -283,7 +275,7 @@ int main(int argc, char** argv)
         return kExitBind;
     }
 
-    const std::string listenAddress = dottedQuad(options.getAddressValue());
+    const std::string listenAddress = HvSipReply::sDottedQuad(options.getAddressValue());
     std::printf("%s listening on udp %s:%u tcp %s:%u\n", kProgram, listenAddress.c_str(), udp->getBoundPort(),
                 listenAddress.c_str(), tcp->getBoundPort());
     std::fflush(stdout);

@@ -56,6 +56,14 @@ TEST(HvSipReply, ReasonPhrasesOfTheResponderStatuses)
     EXPECT_STREQ("Unknown", HvSipReply::sReasonPhrase(0));
 }
 
+TEST(HvSipReply, DottedQuadOfEveryDigitCount)
+{
+    EXPECT_EQ("0.0.0.0", HvSipReply::sDottedQuad(::inet_addr("0.0.0.0")));
+    EXPECT_EQ("127.0.0.1", HvSipReply::sDottedQuad(::inet_addr("127.0.0.1")));
+    EXPECT_EQ("10.200.3.45", HvSipReply::sDottedQuad(::inet_addr("10.200.3.45")));
+    EXPECT_EQ("255.255.255.255", HvSipReply::sDottedQuad(0xFFFFFFFFu));
+}
+
 TEST(HvSipReply, SameSourceAddressWithoutRportLeavesTheViaAsItIs)
 {
     EXPECT_EQ("SIP/2.0/UDP 10.0.0.1:5070;branch=z9hG4bK1",

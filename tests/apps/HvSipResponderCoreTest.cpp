@@ -5,6 +5,7 @@
 #include <HvUtil/HvByteArray.h>
 
 #include "support/HvTestSip.h"
+#include "support/HvTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -411,6 +412,23 @@ TEST(HvSipResponderCore, EveryPrefixOfAValidRequestIsDroppedOrRefused)
             EXPECT_EQ(Outcome::MalformedDropped, result.outcome) << cut;
     }
     EXPECT_EQ(200u, handle(text).status);
+}
+
+TEST(HvSipResponderCore, HandlingKeepsNoReferenceAndLeavesNoStringBehind)
+{
+    hvtest::LeakCheck strings("HvStringBuffer");
+    for (const std::string& text : {request("OPTIONS"), request("INVITE"), request("FOO"), request("ACK"),
+                                    request("OPTIONS", "", "Call-ID"), std::string("SIP/2.0 200 OK\r\n\r\n"),
+                                    request("OPTIONS").substr(0, 40), std::string("\xff\x00garbage", 9)}) {
+        HvHandle<HvByteArray> bytes = HvByteArray::sCreate(static_cast<unsigned int>(text.size()), text.data());
+        HvSipResponderCore::Result result =
+            HvSipResponderCore::sHandle(bytes.get(), 0, bytes->getSize(), sourceAt("10.0.0.1", 5070));
+        // Only the caller holds the request, and only the result the reply.
+        EXPECT_EQ(1, bytes->getRefCount()) << text;
+        if (!result.reply.isNull()) {
+            EXPECT_EQ(1, result.reply->getRefCount()) << text;
+        }
+    }
 }
 
 TEST(HvSipResponderCore, ManyThreadsAtOnceGetTheSameReplies)

@@ -9,7 +9,9 @@
 #include <pthread.h>
 
 #include <cstddef>
+#include <functional>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace hvtest {
@@ -42,6 +44,21 @@ inline HvThread::ShutdownHookFunction installedHook(HvThread::ShutdownHook slot)
     HvThread::ShutdownHookFunction hook = HvThread::sSetShutdownHook(slot, nullptr);
     HvThread::sSetShutdownHook(slot, hook);
     return hook;
+}
+
+// Calls `post` perProducer times on each of `producers` threads running at
+// once, and returns when all of them are done.
+inline void postConcurrently(int producers, int perProducer, const std::function<void()>& post)
+{
+    std::vector<std::thread> threads;
+    for (int producer = 0; producer < producers; ++producer) {
+        threads.emplace_back([&] {
+            for (int number = 0; number < perProducer; ++number)
+                post();
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
 }
 
 } // namespace hvtest
