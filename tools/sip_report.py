@@ -17,6 +17,10 @@ Subcommands (Python 3 standard library only):
       DIR/rss.tsv (second, VmRSS kB) in; the side-by-side table with the goal
       verdicts out (also DIR/compare.txt and DIR/compare.json).
 
+  sip_report.py calls FILE
+      Prints "<succeeded> <failed>" of one run: a SIPp -trace_stat CSV
+      (FILE ends in .csv) or an hv-sip-load JSON result.
+
   sip_report.py rusage --out FILE -- COMMAND [ARGS...]
       Runs COMMAND, writes its own user+system CPU microseconds to FILE and
       exits with its status (a signal N gives 128+N).
@@ -215,6 +219,16 @@ def read_result(generator, path):
             "own_cpu_us": data["cpu_us"]}
 
 
+def calls(path):
+    try:
+        result = read_result("sipp" if path.endswith(".csv") else "hv-sip-load", path)
+    except (OSError, ValueError, KeyError) as error:
+        print(f"{path}: {error}", file=sys.stderr)
+        return 1
+    print(result["succeeded"], result["failed"])
+    return 0
+
+
 def median(values):
     values = sorted(values)
     if not values:
@@ -378,9 +392,11 @@ def main(argv):
         return demo(argv[2])
     if len(argv) == 3 and argv[1] == "compare":
         return compare(argv[2])
+    if len(argv) == 3 and argv[1] == "calls":
+        return calls(argv[2])
     if len(argv) >= 2 and argv[1] == "rusage":
         return rusage(argv[2:])
-    print("usage: sip_report.py demo DIR | compare DIR | rusage --out FILE -- COMMAND...",
+    print("usage: sip_report.py demo DIR | compare DIR | calls FILE | rusage --out FILE -- COMMAND...",
           file=sys.stderr)
     return 2
 

@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
 # Builds the library and runs every test suite three times: a plain build, an
 # AddressSanitizer + UndefinedBehaviorSanitizer build and a ThreadSanitizer
-# build. Installs missing Debian packages first (run as root on Debian 12).
+# build. Installs missing Debian packages first (run as root on Debian 12),
+# among them the SIP peers of the interoperability tests (ctest label
+# "interop": SIPp, sofia-sip, sipsak, Net::SIP, Kamailio).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(cmake g++ make pkg-config python3 libace-dev liblog4cplus-dev libgtest-dev
-          libbenchmark-dev libconcurrentqueue-dev libc-ares-dev dpkg-dev file)
+          libbenchmark-dev libconcurrentqueue-dev libc-ares-dev dpkg-dev file
+          sip-tester sofia-sip-bin sipsak libnet-sip-perl kamailio)
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")

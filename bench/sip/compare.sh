@@ -62,16 +62,7 @@ if [[ ${#missing[@]} -gt 0 ]]; then
     $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" \
         >/dev/null || fail "could not install ${missing[*]}"
 fi
-# The packaged service would hold port 5060 and take CPU time of its own.
-if command -v systemctl >/dev/null && systemctl is-active --quiet kamailio 2>/dev/null; then
-    echo "Stopping and disabling the packaged kamailio service"
-    $sudo systemctl stop kamailio
-    $sudo systemctl disable --quiet kamailio || true
-fi
-if pgrep -x kamailio >/dev/null; then
-    echo "warning: another kamailio is running (pids $(pgrep -x kamailio | tr '\n' ' '));" \
-         "it shares the cores with this benchmark" >&2
-fi
+quiet_packaged_kamailio
 
 # ------------------------------------------------------------ build
 responder_bin="$build/apps/hv-sip-responder"
@@ -84,54 +75,11 @@ if [[ ! -x "$responder_bin" || ! -x "$load_bin" ]]; then
     cmake --build "$build" -j"${JOBS:-$(nproc)}" --target hv-sip-responder hv-sip-load \
         >"$build/compare-build.log" 2>&1 || fail "build ($build/compare-build.log)"
 fi
-mkdir -p "$out/kamailio-run"
+mkdir -p "$out"
 
 # ------------------------------------------------------------ helpers
 now_ns() {
     date +%s%N
-}
-
-# A port that is free for both UDP and TCP on 127.0.0.1.
-free_port() {
-    python3 - <<'EOF'
-import socket
-for _ in range(200):
-    tcp = socket.socket()
-    tcp.bind(("127.0.0.1", 0))
-    port = tcp.getsockname()[1]
-    udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    try:
-        udp.bind(("127.0.0.1", port))
-        print(port)
-        break
-    except OSError:
-        pass
-    finally:
-        udp.close()
-        tcp.close()
-EOF
-}
-
-# SIGTERM, then up to 20 s for the process to end; its exit status (or
-# "killed") goes to stopped_status. Runs in this shell, not in $(...): only
-# the parent can wait for a child's status.
-stopped_status=""
-stop_process() {
-    local pid=$1
-    stopped_status=""
-    [[ -n "$pid" ]] || return 0
-    kill -TERM "$pid" 2>/dev/null || true
-    for _ in $(seq 200); do
-        if ! alive "$pid"; then
-            stopped_status=0
-            wait "$pid" 2>/dev/null || stopped_status=$?
-            return 0
-        fi
-        sleep 0.1
-    done
-    kill -KILL "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-    stopped_status="killed"
 }
 
 kamailio_pid=""
@@ -150,27 +98,9 @@ echo "Cores: $(nproc) ($(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | se
     | tee "$out/machine.txt"
 
 kamailio_port=$(free_port)
-kamailio -DD -E -f "$here/kamailio.cfg" -m 64 -M 8 \
-    -l "udp:127.0.0.1:$kamailio_port" -l "tcp:127.0.0.1:$kamailio_port" \
-    -Y "$out/kamailio-run" -w "$out/kamailio-run" >"$out/kamailio.log" 2>&1 &
-kamailio_pid=$!
-kamailio_ready=0
-for _ in $(seq 100); do
-    if python3 -c "import socket; socket.create_connection(('127.0.0.1', $kamailio_port), 1)" \
-        2>/dev/null; then
-        kamailio_ready=1
-        break
-    fi
-    alive "$kamailio_pid" || break
-    sleep 0.1
-done
-[[ $kamailio_ready -eq 1 ]] || { cat "$out/kamailio.log" >&2; fail "kamailio did not start"; }
-# The main process and the receivers and timers it forked.
-kamailio_processes() {
-    echo "$kamailio_pid" $(pgrep -P "$kamailio_pid")
-}
+start_kamailio "$here/kamailio.cfg" "$out" "$kamailio_port"
 read -r -a kamailio_pids <<<"$(kamailio_processes)"
-echo "kamailio $(kamailio -v | sed -n 's/^version: kamailio \([^ ]*\).*/\1/p') on 127.0.0.1:$kamailio_port" \
+echo "kamailio $(kamailio_version) on 127.0.0.1:$kamailio_port" \
      "(${#kamailio_pids[@]} processes)"
 
 start_responder "$responder_bin" "$out"
