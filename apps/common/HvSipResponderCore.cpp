@@ -56,9 +56,14 @@ HvSipResponderCore::Result HvSipResponderCore::sHandle(const HvByteArray* data, 
                                                        unsigned int length, const HvSipSource& source)
 {
     Result result;
+    result.consumed = length;
     try {
         HvSipMessage request;
         HvSipMessage::Error error = request.parse(data, offset, length);
+        const long bodyLength = request.getContentLength();
+        if (error == HvSipMessage::Error::None && bodyLength >= 0 &&
+            static_cast<unsigned long>(bodyLength) <= length - request.getBodyOffset())
+            result.consumed = request.getBodyOffset() + static_cast<unsigned int>(bodyLength);
         if (error == HvSipMessage::Error::Empty || error == HvSipMessage::Error::BadStartLine)
             return result;
         if (!request.isRequest()) {
@@ -101,6 +106,7 @@ HvSipResponderCore::Result HvSipResponderCore::sHandle(const HvByteArray* data, 
     } catch (...) {
         // Only allocation can fail here; an unanswerable request is dropped.
         result = Result();
+        result.consumed = length;
     }
     return result;
 }

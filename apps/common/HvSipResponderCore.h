@@ -38,6 +38,13 @@ public:
         // Stream replies go back on the connection the request came on.
         HvInetAddress replyAddress;
         unsigned int replyPort = 0;
+        // Bytes of the window the message took: up to the end of the body
+        // its Content-Length gives, or the whole window when it gives none
+        // that fits. A connection's framing may hand over more than one
+        // message at once (requests behind a CRLF keep-alive, behind a
+        // Content-Length it does not know); the stream front hands the rest
+        // to sHandle again. A datagram holds one message, the rest is ignored.
+        unsigned int consumed = 0;
     };
 
     // The header lines of a 200 to OPTIONS and of a 405 ("Allow: ...").

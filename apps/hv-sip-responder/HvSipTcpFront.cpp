@@ -25,6 +25,15 @@
 
 namespace {
 
+// Nothing but line ends and blanks: what a peer sends as a keep-alive.
+bool isBlank(const unsigned char* bytes, unsigned int length)
+{
+    for (unsigned int i = 0; i < length; ++i) {
+        if (bytes[i] != '\r' && bytes[i] != '\n' && bytes[i] != ' ' && bytes[i] != '\t')
+            return false;
+    }
+    return true;
+}
 
 } // namespace
 
@@ -113,13 +122,24 @@ void HvSipTcpFront::handleMessage(HvClientSocket* socket, const HvDatagramPacket
 {
     InFlight counted(*this);
     HvHandle<HvByteArray> data = message.getData();
-    if (data.isNull() || isStopping())
+    if (data.isNull())
         return;
-    HvSipResponderCore::Result result =
-        handle(data.get(), message.getOffset(), message.getLength(), message.getAddress(), message.getPort(), false);
-    if (result.outcome != HvSipResponderCore::Outcome::Replied || result.reply.isNull())
-        return;
-    HvTCPODispatcher::getInstance()->getEventQueue()->addItem(new HvTCPEvent(socket, result.reply.get()));
+    // The framing may have cut out more than one message; each is answered,
+    // in order. CRLFs left over between or after them are keep-alives.
+    unsigned int offset = message.getOffset();
+    unsigned int length = message.getLength();
+    do {
+        if (isStopping())
+            return;
+        HvSipResponderCore::Result result =
+            handle(data.get(), offset, length, message.getAddress(), message.getPort(), false);
+        if (result.outcome == HvSipResponderCore::Outcome::Replied && !result.reply.isNull())
+            HvTCPODispatcher::getInstance()->getEventQueue()->addItem(new HvTCPEvent(socket, result.reply.get()));
+        if (result.consumed == 0)
+            return;
+        offset += result.consumed;
+        length -= result.consumed;
+    } while (!isBlank(data->getData() + offset, length));
 }
 
 void HvSipTcpFront::remove(HvSipTcpConnection* connection)

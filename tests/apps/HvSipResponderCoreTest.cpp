@@ -22,29 +22,15 @@
 
 namespace {
 
+using hvtest::sipSourceAt;
+using hvtest::replyText;
+
+HvSipResponderCore::Result handle(const std::string& text, const HvSipSource& source = sipSourceAt("127.0.0.1", 5070))
+{
+    return hvtest::handleSip(text, source);
+}
+
 using Outcome = HvSipResponderCore::Outcome;
-
-HvSipSource sourceAt(const char* dottedQuad, unsigned int port, bool udp = true)
-{
-    HvSipSource source;
-    source.address.setAddress(::inet_addr(dottedQuad));
-    source.port = port;
-    source.udp = udp;
-    return source;
-}
-
-HvSipResponderCore::Result handle(const std::string& text, const HvSipSource& source = sourceAt("127.0.0.1", 5070))
-{
-    HvHandle<HvByteArray> bytes = HvByteArray::sCreate(static_cast<unsigned int>(text.size()), text.data());
-    return HvSipResponderCore::sHandle(bytes.get(), 0, static_cast<unsigned int>(text.size()), source);
-}
-
-std::string textOf(const HvSipResponderCore::Result& result)
-{
-    if (result.reply.isNull())
-        return std::string();
-    return std::string(reinterpret_cast<const char*>(result.reply->getData()), result.reply->getSize());
-}
 
 // A complete request; `skip` names a header line to leave out.
 std::string request(const std::string& method, const std::string& cseqMethod = "", const std::string& skip = "",
@@ -87,7 +73,7 @@ TEST(HvSipResponderCore, AnswersOptionsWithExactlyTheseBytes)
                        "Accept: application/sdp\r\n"
                        "Content-Length: 0\r\n"
                        "\r\n";
-    HvSipResponderCore::Result result = handle(text, sourceAt("127.0.0.1", 5070));
+    HvSipResponderCore::Result result = handle(text, sipSourceAt("127.0.0.1", 5070));
     ASSERT_EQ(Outcome::Replied, result.outcome);
     EXPECT_EQ(200u, result.status);
 
@@ -111,14 +97,14 @@ TEST(HvSipResponderCore, AnswersOptionsWithExactlyTheseBytes)
                            "Server: hv-sip-responder\r\n"
                            "Content-Length: 0\r\n"
                            "\r\n";
-    EXPECT_EQ(expected, textOf(result));
+    EXPECT_EQ(expected, replyText(result));
     EXPECT_EQ(::inet_addr("127.0.0.1"), result.replyAddress.getAddress());
     EXPECT_EQ(5070u, result.replyPort);
 }
 
 TEST(HvSipResponderCore, OptionsReplyCarriesAllowAcceptSupportedAndZeroLengthOnly)
 {
-    std::string reply = textOf(handle(request("OPTIONS")));
+    std::string reply = replyText(handle(request("OPTIONS")));
     std::size_t extraStart = reply.find("CSeq: 1 OPTIONS\r\n");
     ASSERT_NE(std::string::npos, extraStart);
     std::string tail = reply.substr(extraStart + std::string("CSeq: 1 OPTIONS\r\n").size());
@@ -149,7 +135,7 @@ TEST(HvSipResponderCore, EveryKnownMethodButOptionsGets405WithAllow)
         HvSipResponderCore::Result result = handle(request(method));
         ASSERT_EQ(Outcome::Replied, result.outcome) << method;
         EXPECT_EQ(405u, result.status) << method;
-        std::string reply = textOf(result);
+        std::string reply = replyText(result);
         EXPECT_EQ("SIP/2.0 405 Method Not Allowed", statusLineOf(reply)) << method;
         EXPECT_NE(std::string::npos, reply.find("\r\nAllow: OPTIONS\r\n")) << method;
         EXPECT_EQ(std::string::npos, reply.find("Accept:")) << method;
@@ -162,7 +148,7 @@ TEST(HvSipResponderCore, UnknownMethodGets501)
     HvSipResponderCore::Result result = handle(request("FOO"));
     ASSERT_EQ(Outcome::Replied, result.outcome);
     EXPECT_EQ(501u, result.status);
-    std::string reply = textOf(result);
+    std::string reply = replyText(result);
     EXPECT_EQ("SIP/2.0 501 Not Implemented", statusLineOf(reply));
     EXPECT_EQ(std::string::npos, reply.find("Allow:"));
 }
@@ -190,7 +176,7 @@ TEST(HvSipResponderCore, EachMissingMandatoryHeaderGets400NamingIt)
         HvSipResponderCore::Result result = handle(request("OPTIONS", "", c.header));
         ASSERT_EQ(Outcome::Replied, result.outcome) << c.header;
         EXPECT_EQ(400u, result.status) << c.header;
-        std::string reply = textOf(result);
+        std::string reply = replyText(result);
         EXPECT_EQ(c.statusLine, statusLineOf(reply));
         EXPECT_EQ(std::string::npos, reply.find("Allow:")) << c.header;
         EXPECT_NE(std::string::npos, reply.find("\r\nContent-Length: 0\r\n\r\n")) << c.header;
@@ -233,7 +219,7 @@ TEST(HvSipResponderCore, CSeqMethodDifferentFromMethodGets400)
 {
     HvSipResponderCore::Result result = handle(request("OPTIONS", "INVITE"));
     ASSERT_EQ(Outcome::Replied, result.outcome);
-    EXPECT_EQ("SIP/2.0 400 CSeq Method Mismatch", statusLineOf(textOf(result)));
+    EXPECT_EQ("SIP/2.0 400 CSeq Method Mismatch", statusLineOf(replyText(result)));
 }
 
 TEST(HvSipResponderCore, UnreadableCSeqGets400MalformedHeader)
@@ -242,7 +228,7 @@ TEST(HvSipResponderCore, UnreadableCSeqGets400MalformedHeader)
     text.replace(text.find("CSeq: 1 OPTIONS"), 15, "CSeq: OPTIONS");
     HvSipResponderCore::Result result = handle(text);
     ASSERT_EQ(Outcome::Replied, result.outcome);
-    EXPECT_EQ("SIP/2.0 400 Malformed Header", statusLineOf(textOf(result)));
+    EXPECT_EQ("SIP/2.0 400 Malformed Header", statusLineOf(replyText(result)));
 }
 
 TEST(HvSipResponderCore, BodyShorterThanContentLengthGets400)
@@ -252,7 +238,7 @@ TEST(HvSipResponderCore, BodyShorterThanContentLengthGets400)
     text += "short";
     HvSipResponderCore::Result result = handle(text);
     ASSERT_EQ(Outcome::Replied, result.outcome);
-    EXPECT_EQ("SIP/2.0 400 Bad Content-Length", statusLineOf(textOf(result)));
+    EXPECT_EQ("SIP/2.0 400 Bad Content-Length", statusLineOf(replyText(result)));
 }
 
 TEST(HvSipResponderCore, NonNumericContentLengthGets400)
@@ -261,14 +247,14 @@ TEST(HvSipResponderCore, NonNumericContentLengthGets400)
     text.replace(text.find("Content-Length: 0"), 17, "Content-Length: ten");
     HvSipResponderCore::Result result = handle(text);
     ASSERT_EQ(Outcome::Replied, result.outcome);
-    EXPECT_EQ("SIP/2.0 400 Bad Content-Length", statusLineOf(textOf(result)));
+    EXPECT_EQ("SIP/2.0 400 Bad Content-Length", statusLineOf(replyText(result)));
 }
 
 TEST(HvSipResponderCore, HeaderLineWithoutColonGets400)
 {
     HvSipResponderCore::Result result = handle(request("OPTIONS", "", "", "No colon here\r\n"));
     ASSERT_EQ(Outcome::Replied, result.outcome);
-    EXPECT_EQ("SIP/2.0 400 Malformed Header", statusLineOf(textOf(result)));
+    EXPECT_EQ("SIP/2.0 400 Malformed Header", statusLineOf(replyText(result)));
 }
 
 TEST(HvSipResponderCore, RequestWithoutHeaderEndGets400WhenItHasAVia)
@@ -283,7 +269,7 @@ TEST(HvSipResponderCore, RequestWithoutHeaderEndGets400WhenItHasAVia)
 
 TEST(HvSipResponderCore, RportSendsTheReplyToTheSourcePort)
 {
-    HvSipResponderCore::Result result = handle(request("OPTIONS"), sourceAt("10.1.2.3", 40000));
+    HvSipResponderCore::Result result = handle(request("OPTIONS"), sipSourceAt("10.1.2.3", 40000));
     EXPECT_EQ(::inet_addr("10.1.2.3"), result.replyAddress.getAddress());
     EXPECT_EQ(40000u, result.replyPort);
 }
@@ -292,7 +278,7 @@ TEST(HvSipResponderCore, WithoutRportTheReplyGoesToTheSentByPort)
 {
     std::string text = request("OPTIONS");
     text.replace(text.find(";rport"), 6, "");
-    HvSipResponderCore::Result result = handle(text, sourceAt("10.1.2.3", 40000));
+    HvSipResponderCore::Result result = handle(text, sipSourceAt("10.1.2.3", 40000));
     EXPECT_EQ(::inet_addr("10.1.2.3"), result.replyAddress.getAddress());
     EXPECT_EQ(5070u, result.replyPort);
 }
@@ -301,11 +287,11 @@ TEST(HvSipResponderCore, SentByWithoutPortMeans5060)
 {
     std::string text = request("OPTIONS");
     text.replace(text.find("127.0.0.1:5070;branch=z9hG4bK-1;rport"), 37, "host.example;branch=z9hG4bK-1");
-    HvSipResponderCore::Result result = handle(text, sourceAt("10.1.2.3", 40000));
+    HvSipResponderCore::Result result = handle(text, sipSourceAt("10.1.2.3", 40000));
     ASSERT_EQ(Outcome::Replied, result.outcome);
     EXPECT_EQ(5060u, result.replyPort);
     EXPECT_NE(std::string::npos,
-              textOf(result).find("Via: SIP/2.0/UDP host.example;branch=z9hG4bK-1;received=10.1.2.3\r\n"));
+              replyText(result).find("Via: SIP/2.0/UDP host.example;branch=z9hG4bK-1;received=10.1.2.3\r\n"));
 }
 
 TEST(HvSipResponderCore, NonRequestsAndGarbageAreDropped)
@@ -313,7 +299,7 @@ TEST(HvSipResponderCore, NonRequestsAndGarbageAreDropped)
     EXPECT_EQ(Outcome::MalformedDropped, handle("").outcome);
     EXPECT_EQ(Outcome::MalformedDropped, handle("\r\n\r\n").outcome);
     EXPECT_EQ(Outcome::MalformedDropped, handle("hello world\r\n\r\n").outcome);
-    EXPECT_EQ(Outcome::MalformedDropped, HvSipResponderCore::sHandle(nullptr, 0, 10, sourceAt("1.2.3.4", 1)).outcome);
+    EXPECT_EQ(Outcome::MalformedDropped, HvSipResponderCore::sHandle(nullptr, 0, 10, sipSourceAt("1.2.3.4", 1)).outcome);
 }
 
 TEST(HvSipResponderCore, HandlesTheMessageInsideAWindow)
@@ -321,9 +307,35 @@ TEST(HvSipResponderCore, HandlesTheMessageInsideAWindow)
     std::string text = "JUNK" + request("OPTIONS") + "MORE";
     HvHandle<HvByteArray> bytes = HvByteArray::sCreate(static_cast<unsigned int>(text.size()), text.data());
     HvSipResponderCore::Result result =
-        HvSipResponderCore::sHandle(bytes.get(), 4, static_cast<unsigned int>(text.size() - 8), sourceAt("1.2.3.4", 9));
+        HvSipResponderCore::sHandle(bytes.get(), 4, static_cast<unsigned int>(text.size() - 8), sipSourceAt("1.2.3.4", 9));
     ASSERT_EQ(Outcome::Replied, result.outcome);
     EXPECT_EQ(200u, result.status);
+}
+
+TEST(HvSipResponderCore, ConsumedEndsWhereTheContentLengthEndsTheBody)
+{
+    const std::string first = request("OPTIONS", "", "Content-Length", "Content-Length: 5\r\n") + "hello";
+    const std::string second = request("OPTIONS");
+    HvSipResponderCore::Result result = handle("\r\n\r\n" + first + second);
+    ASSERT_EQ(Outcome::Replied, result.outcome);
+    EXPECT_EQ(4 + first.size(), result.consumed) << "leading keep-alive CRLFs belong to the first message";
+
+    EXPECT_EQ(second.size(), handle(second).consumed);
+}
+
+TEST(HvSipResponderCore, ConsumedIsTheWholeWindowWhenNoContentLengthEndsTheMessage)
+{
+    const std::string withoutLength = request("OPTIONS", "", "Content-Length") + "body and more";
+    EXPECT_EQ(withoutLength.size(), handle(withoutLength).consumed);
+
+    const std::string truncated = request("OPTIONS", "", "Content-Length", "Content-Length: 50\r\n") + "short";
+    HvSipResponderCore::Result result = handle(truncated);
+    EXPECT_EQ(400u, result.status);
+    EXPECT_EQ(truncated.size(), result.consumed);
+
+    EXPECT_EQ(4u, handle("\r\n\r\n").consumed);
+    EXPECT_EQ(7u, handle("garbage").consumed);
+    EXPECT_EQ(0u, handle("").consumed);
 }
 
 TEST(HvSipResponderCore, LineFeedOnlyAndFoldedRequestsAreAnswered)
@@ -338,7 +350,7 @@ TEST(HvSipResponderCore, LineFeedOnlyAndFoldedRequestsAreAnswered)
     ASSERT_EQ(Outcome::Replied, result.outcome);
     EXPECT_EQ(200u, result.status);
     // The reply is written with CRLF whatever the request used.
-    EXPECT_NE(std::string::npos, textOf(result).find("\r\nCall-ID: call-1@127.0.0.1\r\n"));
+    EXPECT_NE(std::string::npos, replyText(result).find("\r\nCall-ID: call-1@127.0.0.1\r\n"));
 }
 
 TEST(HvSipResponderCore, AMegabyteHeaderLineIsHandled)
@@ -347,11 +359,11 @@ TEST(HvSipResponderCore, AMegabyteHeaderLineIsHandled)
     HvSipResponderCore::Result result = handle(request("OPTIONS", "", "", "Subject: " + big + "\r\n"));
     ASSERT_EQ(Outcome::Replied, result.outcome);
     EXPECT_EQ(200u, result.status);
-    EXPECT_EQ(std::string::npos, textOf(result).find(big.substr(0, 100)));
+    EXPECT_EQ(std::string::npos, replyText(result).find(big.substr(0, 100)));
 
     result = handle(request("OPTIONS", "", "", big + "\r\n"));
     ASSERT_EQ(Outcome::Replied, result.outcome);
-    EXPECT_EQ("SIP/2.0 400 Malformed Header", statusLineOf(textOf(result)));
+    EXPECT_EQ("SIP/2.0 400 Malformed Header", statusLineOf(replyText(result)));
 
     EXPECT_EQ(Outcome::MalformedDropped, handle(big).outcome);
 }
@@ -363,7 +375,7 @@ TEST(HvSipResponderCore, NulAndFFBytesAreRefusedOrDropped)
     nulInCallId[nulInCallId.find("call-1") + 2] = '\0';
     HvSipResponderCore::Result result = handle(nulInCallId);
     ASSERT_EQ(Outcome::Replied, result.outcome);
-    EXPECT_EQ("SIP/2.0 400 Malformed Header", statusLineOf(textOf(result)));
+    EXPECT_EQ("SIP/2.0 400 Malformed Header", statusLineOf(replyText(result)));
 
     std::string nulInMethod = text;
     nulInMethod[2] = '\0';
@@ -422,7 +434,7 @@ TEST(HvSipResponderCore, HandlingKeepsNoReferenceAndLeavesNoStringBehind)
                                     request("OPTIONS").substr(0, 40), std::string("\xff\x00garbage", 9)}) {
         HvHandle<HvByteArray> bytes = HvByteArray::sCreate(static_cast<unsigned int>(text.size()), text.data());
         HvSipResponderCore::Result result =
-            HvSipResponderCore::sHandle(bytes.get(), 0, bytes->getSize(), sourceAt("10.0.0.1", 5070));
+            HvSipResponderCore::sHandle(bytes.get(), 0, bytes->getSize(), sipSourceAt("10.0.0.1", 5070));
         // Only the caller holds the request, and only the result the reply.
         EXPECT_EQ(1, bytes->getRefCount()) << text;
         if (!result.reply.isNull()) {
@@ -434,7 +446,7 @@ TEST(HvSipResponderCore, HandlingKeepsNoReferenceAndLeavesNoStringBehind)
 TEST(HvSipResponderCore, ManyThreadsAtOnceGetTheSameReplies)
 {
     const std::string text = request("OPTIONS");
-    const std::string expected = textOf(handle(text, sourceAt("10.0.0.1", 5070)));
+    const std::string expected = replyText(handle(text, sipSourceAt("10.0.0.1", 5070)));
     ASSERT_FALSE(expected.empty());
     HvHandle<HvByteArray> shared = HvByteArray::sCreate(static_cast<unsigned int>(text.size()), text.data());
     std::atomic<int> mismatches{0};
@@ -446,10 +458,10 @@ TEST(HvSipResponderCore, ManyThreadsAtOnceGetTheSameReplies)
                 HvHandle<HvByteArray> own = HvByteArray::sCreate(static_cast<unsigned int>(text.size()), text.data());
                 const HvByteArray* bytes = (i + t) % 2 ? shared.get() : own.get();
                 HvSipResponderCore::Result result =
-                    HvSipResponderCore::sHandle(bytes, 0, bytes->getSize(), sourceAt("10.0.0.1", 5070));
-                if (textOf(result) != expected)
+                    HvSipResponderCore::sHandle(bytes, 0, bytes->getSize(), sipSourceAt("10.0.0.1", 5070));
+                if (replyText(result) != expected)
                     mismatches.fetch_add(1);
-                if (textOf(handle(request("INVITE"))).compare(0, 12, "SIP/2.0 405 ") != 0)
+                if (replyText(handle(request("INVITE"))).compare(0, 12, "SIP/2.0 405 ") != 0)
                     mismatches.fetch_add(1);
             }
         });
@@ -465,7 +477,7 @@ TEST(HvSipResponderCore, RoughCostPerOptionsRequest)
     // allocation, a quadratic scan) would break, and the figure for the log.
     const std::string text = request("OPTIONS");
     HvHandle<HvByteArray> bytes = HvByteArray::sCreate(static_cast<unsigned int>(text.size()), text.data());
-    HvSipSource source = sourceAt("127.0.0.1", 5070);
+    HvSipSource source = sipSourceAt("127.0.0.1", 5070);
     const int rounds = kCostRounds;
     auto start = std::chrono::steady_clock::now();
     unsigned int replied = 0;

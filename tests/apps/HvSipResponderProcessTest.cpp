@@ -1,7 +1,9 @@
 // The real hv-sip-responder program, spawned on free ports and driven by raw
 // loopback peers: its command line, its answers over UDP and TCP, hostile
 // input on both transports, and its orderly stop with the allocator check.
+#include "support/HvTestSip.h"
 #include "support/HvTestProcess.h"
+#include "support/HvTestResponder.h"
 
 #include <HvSipReply.h>
 #include <HvSipResponderCore.h>
@@ -30,10 +32,12 @@
 
 namespace {
 
+using hvtest::readSipMessage;
+
 const char kProgram[] = HV_SIP_RESPONDER;
 
 // Bounds: generous, so that a sanitized build on a busy machine passes.
-const int kReplyTimeoutMs = 10000;
+const int kReplyTimeoutMs = hvtest::kSipReplyTimeoutMs;
 const int kExitTimeoutMs = 60000;
 
 // An OPTIONS request as a UDP or TCP client sends it from `port`.
@@ -128,31 +132,6 @@ void expectOptionsAnswer(const std::string& reply, const char* transport, unsign
     EXPECT_EQ(expectedReply(optionsRequest(transport, port, callId), port, source.udp), reply);
 }
 
-// Reads one SIP message (headers and a body of its Content-Length) from a
-// TCP connection; "" on time-out or close.
-std::string readSipMessage(int descriptor, int timeoutMs = kReplyTimeoutMs)
-{
-    std::string head;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (head.find("\r\n\r\n") == std::string::npos) {
-        int left = static_cast<int>(
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count());
-        if (left <= 0 || !hvtest::waitReady(descriptor, POLLIN, left))
-            return std::string();
-        char c;
-        if (::recv(descriptor, &c, 1, 0) != 1)
-            return std::string();
-        head += c;
-    }
-    std::smatch match;
-    std::size_t body = 0;
-    if (std::regex_search(head, match, std::regex("\r\nContent-Length: *([0-9]+)\r\n", std::regex::icase)))
-        body = std::stoul(match[1].str());
-    if (body == 0)
-        return head;
-    return head + hvtest::readExactly(descriptor, body, timeoutMs);
-}
-
 // Open descriptors of process `pid`.
 int descriptorCountOf(pid_t pid)
 {
@@ -183,55 +162,7 @@ std::map<std::string, unsigned long> countsOf(const std::string& stoppedLine)
 const std::regex kStoppedLine("hv-sip-responder stopped: requests=[0-9]+ replies=[0-9]+ acks=[0-9]+ "
                               "dropped_responses=[0-9]+ dropped_malformed=[0-9]+");
 
-// A responder started on free ports, with the ports it printed.
-class Responder {
-public:
-    explicit Responder(std::vector<std::string> extra = {})
-    {
-        std::vector<std::string> arguments{"--port", "0"};
-        arguments.insert(arguments.end(), extra.begin(), extra.end());
-        m_process.reset(new hvtest::TestProcess(kProgram, arguments));
-        std::string line;
-        if (!m_process->readLine(line, kExitTimeoutMs)) {
-            ADD_FAILURE() << "no listening line; stderr: " << m_process->errText();
-            return;
-        }
-        std::smatch match;
-        if (!std::regex_match(line, match,
-                              std::regex("hv-sip-responder listening on udp 127\\.0\\.0\\.1:([0-9]+) "
-                                         "tcp 127\\.0\\.0\\.1:([0-9]+)"))) {
-            ADD_FAILURE() << "unexpected first line: " << line;
-            return;
-        }
-        udpPort = static_cast<unsigned int>(std::stoul(match[1].str()));
-        tcpPort = static_cast<unsigned int>(std::stoul(match[2].str()));
-    }
-
-    bool ready() const { return udpPort != 0 && tcpPort != 0; }
-    hvtest::TestProcess& process() { return *m_process; }
-
-    // Sends `sig`, expects the "stopped" line as the next line and exit 0;
-    // gives the stopped line.
-    std::string stop(int sig = SIGTERM)
-    {
-        EXPECT_TRUE(m_process->signal(sig));
-        int status = m_process->waitExit(kExitTimeoutMs);
-        EXPECT_EQ(0, status) << "stderr: " << m_process->errText();
-        std::string line;
-        while (m_process->readLine(line, 0)) {
-            if (line.compare(0, 25, "hv-sip-responder stopped:") == 0)
-                return line;
-        }
-        ADD_FAILURE() << "no stopped line; stdout: " << m_process->outText();
-        return std::string();
-    }
-
-    unsigned int udpPort = 0;
-    unsigned int tcpPort = 0;
-
-private:
-    std::unique_ptr<hvtest::TestProcess> m_process;
-};
+using Responder = hvtest::ResponderProcess;
 
 // Asks over UDP from `peer` and checks the 200.
 void expectUdpOptionsAnswered(hvtest::RawUdpSocket& peer, unsigned int port, const std::string& callId)
