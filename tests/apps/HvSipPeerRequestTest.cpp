@@ -215,18 +215,8 @@ std::string expectedReply(const std::string& request, unsigned int port, bool ud
     return replyText(handleSip(request, sipSourceAt("127.0.0.1", port, udp)));
 }
 
-// The counters of a "stopped" line.
-std::map<std::string, unsigned long> countsOf(const std::string& stoppedLine)
-{
-    std::map<std::string, unsigned long> counts;
-    std::regex field("([a-z_]+)=([0-9]+)");
-    for (auto it = std::sregex_iterator(stoppedLine.begin(), stoppedLine.end(), field); it != std::sregex_iterator();
-         ++it)
-        counts[(*it)[1].str()] = std::stoul((*it)[2].str());
-    return counts;
-}
-
 using Responder = hvtest::ResponderProcess;
+using hvtest::countsOf;
 
 // ---- the unusual forms, each a whole request ----
 
@@ -674,7 +664,7 @@ TEST(HvSipPeerRequest, KeepAliveInFrontOfARequestIsSkipped)
 
 TEST(HvSipPeerRequest, ProgramAnswersEveryPeerFormInOrderOnOneUdpSocket)
 {
-    Responder responder;
+    Responder responder({"--stats"});
     ASSERT_TRUE(responder.ready());
     hvtest::RawUdpSocket peer;
     const std::string port = std::to_string(peer.port());
@@ -730,6 +720,7 @@ TEST(HvSipPeerRequest, ProgramAnswersEveryPeerFormInOrderOnOneUdpSocket)
     ASSERT_TRUE(peer.sendTo(responder.udpPort, plainRequest(peer.port(), "udp-after-pair@127.0.0.1")));
     EXPECT_EQ("udp-after-pair@127.0.0.1", callIdOf(peer.receive(nullptr, kReplyTimeoutMs)));
 
+    EXPECT_TRUE(responder.awaitCounted({{"dropped_malformed", 1}}));
     std::map<std::string, unsigned long> counts = countsOf(responder.stop());
     EXPECT_EQ(sent.size() + 3, counts["replies"]);
     EXPECT_EQ(1u, counts["dropped_malformed"]) << "the keep-alive";

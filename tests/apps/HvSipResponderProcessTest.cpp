@@ -148,21 +148,11 @@ int descriptorCountOf(pid_t pid)
     return count;
 }
 
-// The counters of a "stopped" line.
-std::map<std::string, unsigned long> countsOf(const std::string& stoppedLine)
-{
-    std::map<std::string, unsigned long> counts;
-    std::regex field("([a-z_]+)=([0-9]+)");
-    for (auto it = std::sregex_iterator(stoppedLine.begin(), stoppedLine.end(), field); it != std::sregex_iterator();
-         ++it)
-        counts[(*it)[1].str()] = std::stoul((*it)[2].str());
-    return counts;
-}
-
 const std::regex kStoppedLine("hv-sip-responder stopped: requests=[0-9]+ replies=[0-9]+ acks=[0-9]+ "
                               "dropped_responses=[0-9]+ dropped_malformed=[0-9]+");
 
 using Responder = hvtest::ResponderProcess;
+using hvtest::countsOf;
 
 // Asks over UDP from `peer` and checks the 200.
 void expectUdpOptionsAnswered(hvtest::RawUdpSocket& peer, unsigned int port, const std::string& callId)
@@ -304,7 +294,7 @@ TEST(HvSipResponderProcess, OptionsOverTcpIsAnswered200WithTheHeaders)
 
 TEST(HvSipResponderProcess, AckIsAbsorbedAndResponsesAreDroppedAndCounted)
 {
-    Responder responder;
+    Responder responder({"--stats"});
     ASSERT_TRUE(responder.ready());
     hvtest::RawUdpSocket peer;
     std::string ack = optionsRequest("UDP", peer.port(), "ack-1");
@@ -322,6 +312,7 @@ TEST(HvSipResponderProcess, AckIsAbsorbedAndResponsesAreDroppedAndCounted)
     expectUdpOptionsAnswered(peer, responder.udpPort, "after-ack");
     expectTcpOptionsAnswered(connection.get(), "after-response");
     connection.reset();
+    EXPECT_TRUE(responder.awaitCounted({{"acks", 1}, {"dropped_responses", 2}}));
     std::map<std::string, unsigned long> counts = countsOf(responder.stop());
     EXPECT_EQ(1u, counts["acks"]);
     EXPECT_EQ(2u, counts["dropped_responses"]);
@@ -333,7 +324,7 @@ TEST(HvSipResponderProcess, AckIsAbsorbedAndResponsesAreDroppedAndCounted)
 
 TEST(HvSipResponderProcess, GarbageAndOversizedDatagramsNeverStopTheAnswers)
 {
-    Responder responder;
+    Responder responder({"--stats"});
     ASSERT_TRUE(responder.ready());
     hvtest::RawUdpSocket hostile;
     hvtest::RawUdpSocket good;
@@ -362,6 +353,7 @@ TEST(HvSipResponderProcess, GarbageAndOversizedDatagramsNeverStopTheAnswers)
         EXPECT_EQ(0u, reply.find("SIP/2.0 400 ")) << reply;
         ++hostileReplies;
     }
+    EXPECT_TRUE(responder.awaitCounted({{"dropped_malformed", 5}}));
     std::map<std::string, unsigned long> counts = countsOf(responder.stop());
     EXPECT_EQ(static_cast<unsigned long>(round) + hostileReplies, counts["replies"]);
     // The first five have no request line to answer: dropped as malformed.

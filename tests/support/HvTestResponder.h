@@ -11,12 +11,23 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <map>
 #include <memory>
 #include <regex>
 #include <string>
 #include <vector>
 
 namespace hvtest {
+
+// The counters of a "stopped" or "stats" line, by name.
+inline std::map<std::string, unsigned long> countsOf(const std::string& line)
+{
+    std::map<std::string, unsigned long> counts;
+    std::regex field("([a-z_]+)=([0-9]+)");
+    for (auto it = std::sregex_iterator(line.begin(), line.end(), field); it != std::sregex_iterator(); ++it)
+        counts[(*it)[1].str()] = std::stoul((*it)[2].str());
+    return counts;
+}
 
 class ResponderProcess {
 public:
@@ -59,6 +70,29 @@ public:
         }
         ADD_FAILURE() << "no stopped line; stdout: " << m_process->outText();
         return std::string();
+    }
+
+    // For a responder started with --stats: reads its per-second lines until
+    // each named counter has reached at least its count (ten lines at most).
+    // Datagrams are handed to a pool, so one that needs no answer may still
+    // wait for a worker after later ones were answered, and a stop drops
+    // what was not yet handled.
+    bool awaitCounted(const std::map<std::string, unsigned long>& atLeast)
+    {
+        std::map<std::string, unsigned long> seen;
+        auto reached = [&] {
+            for (const auto& wanted : atLeast) {
+                if (seen[wanted.first] < wanted.second)
+                    return false;
+            }
+            return true;
+        };
+        std::string line;
+        for (int lines = 0; !reached() && lines < 10 && m_process->readLine(line, 5000); ++lines) {
+            for (const auto& counted : countsOf(line))
+                seen[counted.first] += counted.second;
+        }
+        return reached();
     }
 
     unsigned int udpPort = 0;
