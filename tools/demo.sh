@@ -29,22 +29,12 @@ jobs="${JOBS:-$(nproc)}"
 
 # shellcheck source=tools/sip-common.sh
 . "$root/tools/sip-common.sh"
+# shellcheck source=tools/install-packages.sh
+. "$root/tools/install-packages.sh"
 
 # ------------------------------------------------------------ packages
 packages=(cmake g++ make pkg-config python3 libace-dev liblog4cplus-dev libc-ares-dev gnuplot-nox)
-missing=()
-for package in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' \
-        || missing+=("$package")
-done
-if [[ ${#missing[@]} -gt 0 ]]; then
-    echo "Installing: ${missing[*]}"
-    sudo=""
-    [[ "$(id -u)" -eq 0 ]] || sudo="sudo"
-    $sudo apt-get update -qq
-    $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null \
-        || fail "could not install ${missing[*]}"
-fi
+install_packages "${packages[@]}" || fail "could not install the packages"
 
 # ------------------------------------------------------------ build
 mkdir -p "$build" "$report"

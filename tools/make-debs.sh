@@ -11,15 +11,9 @@ build="${1:-build/deb}"
 [[ "$build" = /* ]] || build="$root/$build"
 
 packages=(cmake g++ make pkg-config libace-dev liblog4cplus-dev libc-ares-dev dpkg-dev file)
-missing=()
-for package in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "Installing: ${missing[*]}" >&2
-  apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+# shellcheck source=tools/install-packages.sh
+. "$root/tools/install-packages.sh"
+install_packages "${packages[@]}"
 
 # Each step's output goes to a log in the build tree, shown when the step fails.
 step() {

@@ -28,19 +28,9 @@ jobs="${JOBS:-2}"
 # The only things this script installs: Google Benchmark's headers and
 # library, OpenSSL's (the anchor of the encoding benchmarks) and Boost's
 # headers (Asio, the anchor of the timer benchmarks).
-missing=()
-for package in libbenchmark-dev libssl-dev libboost-dev; do
-    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
-        missing+=("$package")
-    fi
-done
-if [[ ${#missing[@]} -gt 0 ]]; then
-    echo "${missing[*]} missing; installing" >&2
-    sudo=""
-    [[ "$(id -u)" -eq 0 ]] || sudo="sudo"
-    $sudo apt-get update
-    $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y "${missing[@]}"
-fi
+# shellcheck source=tools/install-packages.sh
+. "$root/tools/install-packages.sh"
+install_packages libbenchmark-dev libssl-dev libboost-dev
 
 echo "load average at the start: $(cut -d" " -f1-3 /proc/loadavg)" >&2
 mkdir -p "$build"

@@ -10,15 +10,9 @@ cd "$(dirname "$0")/.."
 packages=(cmake g++ make pkg-config python3 libace-dev liblog4cplus-dev libgtest-dev
           libbenchmark-dev libconcurrentqueue-dev libc-ares-dev dpkg-dev file
           sip-tester sofia-sip-bin sipsak libnet-sip-perl kamailio)
-missing=()
-for package in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "Installing: ${missing[*]}"
-  apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+# shellcheck source=tools/install-packages.sh
+. tools/install-packages.sh
+install_packages "${packages[@]}"
 
 jobs=$(nproc)
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:strict_init_order=1"

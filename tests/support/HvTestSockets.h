@@ -7,6 +7,8 @@
 #ifndef HVUTIL_TESTS_HVTESTSOCKETS_H
 #define HVUTIL_TESTS_HVTESTSOCKETS_H
 
+#include "HvTestIo.h"
+
 #include <HvUtil/HvClientSocket.h>
 #include <HvUtil/HvInetAddress.h>
 #include <HvUtil/HvSocketFactory.h>
@@ -231,19 +233,6 @@ inline unsigned int freeUdpPort()
     sockaddr_in address = loopbackAddress(0);
     ::bind(probe.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
     return localPortOf(probe.get());
-}
-
-// Sends all of `data`; false when a send fails.
-inline bool sendAll(int descriptor, const std::string& data)
-{
-    std::size_t done = 0;
-    while (done < data.size()) {
-        ssize_t sent = ::send(descriptor, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-        if (sent <= 0)
-            return false;
-        done += static_cast<std::size_t>(sent);
-    }
-    return true;
 }
 
 // Reads until `count` bytes have come, the peer closes or the time-out passes.
