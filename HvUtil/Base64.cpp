@@ -4,6 +4,15 @@
 #include <cstring>
 #include <new>
 
+namespace {
+
+// The alphabet as a constant expression: the tables below are built at
+// compile time, and only GCC lets a constant expression read the exported
+// array itself (clang refuses, so the library would not build with it).
+constexpr char kAlphabet[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+} // namespace
+
 const char Base64::cvt[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 namespace {
@@ -17,7 +26,7 @@ struct ReverseAlphabet {
         for (int c = 0; c < 256; ++c)
             position[c] = -1;
         for (int i = 0; i < 64; ++i)
-            position[static_cast<unsigned char>(Base64::cvt[i])] = static_cast<signed char>(i);
+            position[static_cast<unsigned char>(kAlphabet[i])] = static_cast<signed char>(i);
     }
 };
 
@@ -31,8 +40,8 @@ struct CharacterPairs {
     constexpr CharacterPairs() : pair()
     {
         for (int v = 0; v < 4096; ++v) {
-            pair[v][0] = Base64::cvt[v >> 6];
-            pair[v][1] = Base64::cvt[v & 0x3F];
+            pair[v][0] = kAlphabet[v >> 6];
+            pair[v][1] = kAlphabet[v & 0x3F];
         }
     }
 };

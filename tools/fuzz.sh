@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer programs under fuzz/ with clang (build/fuzz) and runs
+# them side by side, one per core, for SECONDS each (default 600). Each one
+# starts from a copy of its corpus under build/fuzz/work/<target>, so the
+# corpus in the repository only grows by what is merged into it by hand; a
+# reproducer of any failure is left as fuzz/artifacts/<target>-<kind>-<hash>.
+# Prints one line per target and exits 1 when any crashed, leaked, hit
+# undefined behaviour or timed out. Installs missing Debian packages first
+# (run as root on Debian 12).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+seconds=${1:-600}
+build=$root/build/fuzz
+
+# clang's -fsanitize=fuzzer links libclang_rt.fuzzer-x86_64.a, which Debian 12
+# ships in libclang-rt-14-dev.
+packages=(clang libfuzzer-14-dev libclang-rt-14-dev cmake pkg-config libace-dev liblog4cplus-dev libgtest-dev)
+# shellcheck source=tools/install-packages.sh
+. tools/install-packages.sh
+install_packages "${packages[@]}"
+
+launcher=()
+if command -v ccache >/dev/null; then
+  export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=true
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+fi
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+      -DCMAKE_CXX_COMPILER=clang++ -DHV_BUILD_FUZZERS=ON "${launcher[@]}" >/dev/null
+targets=()
+for source in fuzz/*Fuzz.cpp; do
+  targets+=("$(basename "$source" .cpp)")
+done
+jobs=$(nproc)
+cmake --build "$build" -j"$jobs" --target "${targets[@]}" >/dev/null
+
+mkdir -p fuzz/artifacts
+# Leaks and UB fail the run like crashes; UB reports abort (the library is
+# built with -fno-sanitize-recover=undefined).
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+
+run_target() {
+  local target=$1 work=$build/work/$1
+  rm -rf "$work"
+  mkdir -p "$work/corpus"
+  cp fuzz/corpus/"$target"/* "$work/corpus/"
+  ls "$work/corpus" | wc -l >"$work/seeds"
+  local dict=()
+  [ -f fuzz/dict/"$target".dict ] && dict=(-dict=fuzz/dict/"$target".dict)
+  set +e
+  "$build/fuzz/$target" "$work/corpus" -max_total_time="$seconds" -timeout=25 -print_final_stats=1 \
+      -artifact_prefix="fuzz/artifacts/$target-" "${dict[@]}" >"$work/log" 2>&1
+  echo $? >"$work/rc"
+}
+export -f run_target
+export build seconds
+printf '%s\n' "${targets[@]}" | xargs -P "$jobs" -I{} bash -c 'run_target {}'
+
+failed=0
+printf '%-24s %12s %10s %8s %10s  %s\n' target executions exec/s edges new-files result
+for target in "${targets[@]}"; do
+  work=$build/work/$target
+  log=$work/log
+  executions=$(awk '/stat::number_of_executed_units/ {print $NF}' "$log" | tail -1)
+  # A run that failed prints no final statistics: its last status line says
+  # how far it got ("#<executions> ...").
+  [ -n "$executions" ] || executions=$(grep -o '^#[0-9]*' "$log" | tail -1 | tr -d '#')
+  rate=$(awk '/stat::average_exec_per_sec/ {print $NF}' "$log" | tail -1)
+  edges=$(grep -o ' cov: [0-9]*' "$log" | tail -1 | awk '{print $2}')
+  files=$(( $(ls "$work/corpus" | wc -l) - $(cat "$work/seeds") ))
+  result=ok
+  if grep -q 'ERROR: LeakSanitizer' "$log"; then result=LEAK
+  elif grep -q 'runtime error:' "$log"; then result=UB
+  elif grep -q 'ERROR: libFuzzer: timeout' "$log"; then result=TIMEOUT
+  elif grep -q -e 'ERROR: AddressSanitizer' -e 'ERROR: libFuzzer' -e 'invariant broken' "$log"; then result=CRASH
+  elif [ "$(cat "$work/rc")" != 0 ]; then result="FAILED(rc=$(cat "$work/rc"))"
+  fi
+  [ "$result" = ok ] || { failed=1; result="$result, see $log"; }
+  printf '%-24s %12s %10s %8s %10s  %s\n' "$target" "${executions:-?}" "${rate:-?}" "${edges:-?}" "$files" "$result"
+done
+exit $failed
