@@ -96,7 +96,8 @@ void HvBufferedInputStream::operator delete(void* p, std::size_t size)
 
 HvBufferedInputStream::HvBufferedInputStream(HvInputStream* source, unsigned int size)
     : m_position(0), m_count(0), m_markPosition(0), m_markLimit(0), m_source(source), m_headerEnd(0),
-      m_contentLength(0), m_contentLengthSeen(false), m_rejected(false)
+      m_contentLength(0), m_contentLengthSeen(false), m_rejected(false), m_scanStart(0), m_scanEnd(0),
+      m_scanHistory()
 {
     if (size != 0)
         m_buffer = HvByteArray::sCreate(size, nullptr);
@@ -111,6 +112,7 @@ void HvBufferedInputStream::clearFraming()
     m_headerEnd = 0;
     m_contentLength = 0;
     m_contentLengthSeen = false;
+    m_scanEnd = 0;
 }
 
 int HvBufferedInputStream::readIntoBuffer(unsigned int wanted)
@@ -133,6 +135,12 @@ int HvBufferedInputStream::readIntoBuffer(unsigned int wanted)
             m_markPosition = m_markPosition >= kept ? m_markPosition - kept : 0;
             // The framing found so far stays valid for the moved bytes.
             m_headerEnd = m_headerEnd >= kept ? m_headerEnd - kept : 0;
+            if (m_scanStart >= kept) {
+                m_scanStart -= kept;
+                m_scanEnd = m_scanEnd != 0 ? m_scanEnd - kept : 0;
+            } else {
+                m_scanEnd = 0;
+            }
         }
     }
 
@@ -317,6 +325,14 @@ bool HvBufferedInputStream::isReadComplete()
     const unsigned int end = m_count;
     History seen;
     unsigned int i = start;
+    // Resumed only for the same message start over bytes still buffered:
+    // everything before the checkpoint led to the same decisions last time.
+    if (m_scanEnd != 0 && m_scanStart == start && m_scanEnd <= end) {
+        i = m_scanEnd;
+        seen.last1 = m_scanHistory[0];
+        seen.last2 = m_scanHistory[1];
+        seen.last3 = m_scanHistory[2];
+    }
     for (;;) {
         // Up to the next ':', unless a blank line comes first: then the
         // headers ended without a Content-Length and there is no body.
@@ -333,8 +349,14 @@ bool HvBufferedInputStream::isReadComplete()
             }
             seen.push(c);
         }
-        if (colon == end)
+        if (colon == end) {
+            m_scanStart = start;
+            m_scanEnd = end;
+            m_scanHistory[0] = seen.last1;
+            m_scanHistory[1] = seen.last2;
+            m_scanHistory[2] = seen.last3;
             return false;
+        }
 
         // The header name ends at the last byte before the ':' that is not a
         // space; a ':' with nothing but spaces before it in the scan has none.

@@ -115,6 +115,14 @@ private:
     bool m_contentLengthSeen;
     // Set once an oversized message was rejected: the stream has ended.
     bool m_rejected;
+    // Where the last scan of the message starting at m_scanStart ran out of
+    // bytes before its next ':' or the end of its headers (m_scanEnd, 0 when
+    // there is no such point), and the last three bytes it had seen there.
+    // The next scan of the same message goes on from that point, so that a
+    // message arriving in small pieces is scanned once, not once per piece.
+    unsigned int m_scanStart;
+    unsigned int m_scanEnd;
+    unsigned char m_scanHistory[3];
 };
 
 #endif

@@ -341,6 +341,32 @@ void BM_Framing_HvBlock(benchmark::State& state)
 }
 BENCHMARK(BM_Framing_HvBlock)->Arg(500)->Arg(4096)->Unit(benchmark::kMillisecond);
 
+// One message whose headers arrive a byte per fill, as from a peer that
+// sends them a byte per segment: the framing must not scan the headers again
+// from their start at every byte. Argument: the size of one header line.
+void BM_Framing_HvBlockOneBytePerFill(benchmark::State& state)
+{
+    const std::string message = "OPTIONS sip:bob@example.com SIP/2.0\r\nSubject: " +
+                                std::string(static_cast<std::size_t>(state.range(0)), 's') +
+                                "\r\nContent-Length: 0\r\n\r\n";
+    HvHandle<PacketCounter> counter(new PacketCounter);
+    for (auto _ : state) {
+        counter->m_messages = 0;
+        HvHandle<MemoryChunkSource> source(new MemoryChunkSource(message, 1));
+        HvHandle<HvBufferedInputStream> in(new HvBufferedInputStream(source.get(), 0));
+        in->attachObserver(HvHandle<HvObserver>(counter.get()));
+        while (in->block()) {
+        }
+        counter->detach();
+        if (counter->m_messages != 1) {
+            state.SkipWithError("the message was not framed once");
+            return;
+        }
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * message.size()));
+}
+BENCHMARK(BM_Framing_HvBlockOneBytePerFill)->Arg(1024)->Arg(16384)->Arg(65536)->Unit(benchmark::kMillisecond);
+
 // The scan alone: the whole corpus sits in the stream's buffer, and each step
 // is one isReadComplete() followed by skip() over the message, so neither
 // fills nor packet copies are measured. Bytes per second count whole

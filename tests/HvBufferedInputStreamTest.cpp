@@ -646,6 +646,56 @@ TEST(HvBufferedInputStream, RandomChunkingAlwaysYieldsTheSameThreeMessages)
     }
 }
 
+TEST(HvBufferedInputStream, MessagesArrivingOneByteAtATimeAreFramedLikeWholeOnes)
+{
+    // Long headers with a colon-free stretch, a compact Content-Length and a
+    // header name split over many fills, each fill a single byte.
+    const std::vector<std::string> messages{
+        kInviteHead + "Subject: " + std::string(3000, 's') + "\r\nContent-Length: 3\r\n\r\nabc",
+        "BYE sip:bob@example.com SIP/2.0\nX-Long " + std::string(2000, '-') + ": v\nl: 2\n\nok",
+        kInviteHead + "Content-Length: 0\r\n\r\n"};
+    std::string stream;
+    for (const std::string& message : messages)
+        stream += message;
+    Framer framer(stream, std::vector<unsigned int>(stream.size(), 1));
+    framer.drain();
+    EXPECT_EQ(messages, framer.collector->packets());
+    EXPECT_EQ(0u, framer.stream->available());
+}
+
+TEST(HvBufferedInputStream, AMessageHalfScannedWhenTheBufferIsCompactedIsStillFramedWhole)
+{
+    // Fills of 8192 bytes, then the rest of a first message larger than a
+    // chunk with ten bytes of the second, whose scan stops there. The next
+    // fill moves those ten bytes to the front of the buffer and ends within
+    // the second message's Content-Length value; the last fill brings the
+    // rest of its digits, its body and a third message.
+    const std::string first = kInviteHead + "Content-Length: 9000\r\n\r\n" + std::string(9000, 'b');
+    const std::string head = "INVITE sip:bob@example.com SIP/2.0\r\nSubject: ";
+    const std::string cut = "\r\nContent-Length: 1";
+    const std::string second = head + std::string(10 + 8192 - head.size() - cut.size(), 's') + cut +
+                               "2\r\n\r\n0123456789AB";
+    const std::string third =
+        "BYE sip:bob@example.com SIP/2.0\r\nContent-Length: 2000\r\n\r\n" + std::string(2000, 't');
+    Framer framer(first + second + third, {8192, static_cast<unsigned int>(first.size() - 8192 + 10), 8192, 100000});
+    framer.drain();
+    EXPECT_EQ((std::vector<std::string>{first, second, third}), framer.collector->packets());
+}
+
+TEST(HvBufferedInputStream, BytesReadDirectlyBetweenFillsMoveWhereTheFramingStarts)
+{
+    // "A\r\n\r" is scanned, then its first three bytes are read directly:
+    // the message now starts at the "\r", and the "\n" that comes next does
+    // not end a blank line there.
+    const std::string message = kInviteHead + "Content-Length: 2\r\n\r\nok";
+    Framer framer("A\r\n\r\n" + message, {4, 1, 1000});
+    EXPECT_TRUE(framer.stream->block());
+    for (int i = 0; i < 3; ++i)
+        framer.stream->read();
+    framer.drain();
+    EXPECT_EQ((std::vector<std::string>{"\r\n" + message}), framer.collector->packets());
+}
+
 // ---- getPacket ----
 
 TEST(HvBufferedInputStream, PacketOverAnotherSourceCarriesZeroEndpoints)
