@@ -6,11 +6,14 @@
 # reproducer of any failure is left as fuzz/artifacts/<target>-<kind>-<hash>.
 # Prints one line per target and exits 1 when any crashed, leaked, hit
 # undefined behaviour or timed out. Installs missing Debian packages first
-# (run as root on Debian 12).
+# (run as root on Debian 12). RUNS=N stops a target after N executions
+# (for example RUNS=10000000), whichever comes first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 seconds=${1:-600}
+# RUNS: stop a target after that many executions (-1: only the time ends it).
+runs=${RUNS:--1}
 build=$root/build/fuzz
 
 # clang's -fsanitize=fuzzer links libclang_rt.fuzzer-x86_64.a, which Debian 12
@@ -27,9 +30,14 @@ if command -v ccache >/dev/null; then
 fi
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
       -DCMAKE_CXX_COMPILER=clang++ -DHV_BUILD_FUZZERS=ON "${launcher[@]}" >/dev/null
-targets=()
+# The slowest first, so that they get a core from the start; the longest
+# input each may grow to, which keeps its rate steady over a long run (a date
+# is 29 characters, a SIP request a few hundred bytes to a kilobyte).
+targets=(HvFramingFuzz HvSipRequestFuzz HvStreamTokenizerFuzz HvParametersFuzz HvEncodingFuzz HvDateFuzz)
+declare -A max_len=([HvFramingFuzz]=2048 [HvSipRequestFuzz]=2048 [HvStreamTokenizerFuzz]=512
+                    [HvParametersFuzz]=512 [HvEncodingFuzz]=512 [HvDateFuzz]=64)
 for source in fuzz/*Fuzz.cpp; do
-  targets+=("$(basename "$source" .cpp)")
+  [[ -v max_len[$(basename "$source" .cpp)] ]] || { echo "$source: no entry in tools/fuzz.sh" >&2; exit 2; }
 done
 jobs=$(nproc)
 cmake --build "$build" -j"$jobs" --target "${targets[@]}" >/dev/null
@@ -49,13 +57,16 @@ run_target() {
   local dict=()
   [ -f fuzz/dict/"$target".dict ] && dict=(-dict=fuzz/dict/"$target".dict)
   set +e
-  "$build/fuzz/$target" "$work/corpus" -max_total_time="$seconds" -timeout=25 -print_final_stats=1 \
+  "$build/fuzz/$target" "$work/corpus" -max_total_time="$seconds" -runs="$runs" -max_len="$2" \
+      -timeout=25 -print_final_stats=1 \
       -artifact_prefix="fuzz/artifacts/$target-" "${dict[@]}" >"$work/log" 2>&1
   echo $? >"$work/rc"
 }
 export -f run_target
-export build seconds
-printf '%s\n' "${targets[@]}" | xargs -P "$jobs" -I{} bash -c 'run_target {}'
+export build seconds runs
+for target in "${targets[@]}"; do
+  echo "$target ${max_len[$target]}"
+done | xargs -P "$jobs" -L1 bash -c 'run_target "$0" "$1"'
 
 failed=0
 printf '%-24s %12s %10s %8s %10s  %s\n' target executions exec/s edges new-files result
