@@ -327,7 +327,13 @@ void HvSipLoadGenerator::onMessage(const HvByteArray* data, unsigned int offset,
 
 void HvSipLoadGenerator::onConnectionLost(unsigned int index, const std::string& why)
 {
-    if (!m_live.load(std::memory_order_relaxed))
+    // A target may close as soon as it answered everything it was sent (a
+    // SIPp server told to handle so many calls does): once nothing is in
+    // flight and nothing more will be started, a lost connection lost nothing.
+    const bool finished = m_inFlight.load() == 0 &&
+                          (!m_sending.load() ||
+                           (m_options.countMode && m_started.load(std::memory_order_relaxed) >= m_options.count));
+    if (!m_live.load(std::memory_order_relaxed) || finished)
         return;
     addError("hv-sip-load: connection " + std::to_string(index + 1) + " to " + m_options.targetHost + ":" +
              std::to_string(m_options.targetPort) + " lost: " + why);

@@ -141,6 +141,28 @@ TEST(HvSipTcpClient, RepliesCutInPiecesOverSeveralConnectionsAreFramedAndMatched
         EXPECT_EQ(20, entry.second) << "connection " << entry.first;
 }
 
+TEST(HvSipTcpClient, TargetClosingRightAfterTheLastReplyIsNoError)
+{
+    // As a SIPp server does once it has handled the calls it was told to:
+    // the connection closes right behind the last reply.
+    std::atomic<int> answered{0};
+    TcpAnswerer answerer([&answered](int descriptor, int, const std::string& request) {
+        hvtest::sendAll(descriptor, okReply(request));
+        if (++answered == 20)
+            ::shutdown(descriptor, SHUT_RDWR);
+    });
+    // The close races with the end of the run: several runs give it chances.
+    for (int run = 0; run < 20; ++run) {
+        answered = 0;
+        hvtest::ProcessResult load = hvtest::runProcess(
+            HV_SIP_LOAD, {"--target", "127.0.0.1:" + std::to_string(answerer.port()), "--transport", "tcp",
+                          "--concurrency", "1", "--count", "20", "--timeout", "5000", "--json"});
+        EXPECT_EQ(0, load.exitStatus) << "run " << run << ": " << load.err << load.out;
+        EXPECT_EQ(std::string::npos, load.err.find(" lost: ")) << load.err;
+        EXPECT_EQ(20, jsonNumber(load.out, "succeeded")) << load.out;
+    }
+}
+
 TEST(HvSipTcpClient, TargetSendingAnEndlessMessageLosesItsConnectionAndTheRunEnds)
 {
     TcpAnswerer answerer([](int descriptor, int, const std::string&) {
