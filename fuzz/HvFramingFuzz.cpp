@@ -144,7 +144,7 @@ std::string describe(const std::vector<std::string>& messages)
 
 // Where the headers of a message end by the framing's rule (just past an
 // LF that follows LF or CR LF CR), or npos.
-std::size_t headerEnd(const std::string& m)
+HV_FUZZ_NOT_TRACED std::size_t headerEnd(const std::string& m)
 {
     for (std::size_t i = 1; i < m.size(); ++i) {
         if (m[i] != '\n')
@@ -158,7 +158,7 @@ std::size_t headerEnd(const std::string& m)
 // True when a header block names a Content-Length the framing would see:
 // "l" (lower case) right after an LF, or "Content-Length" (any case) right
 // after an LF, then blanks and a ':'.
-bool namesContentLength(const std::string& headers)
+HV_FUZZ_NOT_TRACED bool namesContentLength(const std::string& headers)
 {
     static const char kLong[] = "content-length";
     for (std::size_t lf = headers.find('\n'); lf != std::string::npos; lf = headers.find('\n', lf + 1)) {
@@ -187,7 +187,7 @@ bool namesContentLength(const std::string& headers)
 // The size the guard holds against the limit: the whole message when its
 // headers name a Content-Length, else only its header block, since such a
 // message also takes whatever else happened to be buffered.
-std::size_t framedSize(const std::string& m)
+HV_FUZZ_NOT_TRACED std::size_t framedSize(const std::string& m)
 {
     const std::size_t end = headerEnd(m);
     if (end == std::string::npos || namesContentLength(m.substr(0, end)))
@@ -264,16 +264,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // Inputs are a few kilobytes, far below limit + kGuardSlack; the bound
     // is only put to the test by a stream many times longer: the text over
     // and over, with pieces as many times larger so that the number of
-    // fills stays that of the text alone.
-    // Kept to a few inputs: the framing scans a message from its start
-    // again at every fill, so long streams cost the fuzzer dearly.
+    // fills stays that of the text alone. The stream is cut a chunk past
+    // the bound: further bytes cannot take the buffer anywhere new, and
+    // every one of them costs a full instrumented scan.
+    static const std::size_t kBeyondBound = HvBufferedInputStream::kGuardSlack + HvBufferedInputStream::kChunk;
     const unsigned int repeatCode = (data[0] >> 3) & 7;
     const unsigned int repeat = repeatCode == 7 ? 128u : repeatCode >= 4 ? 16u : 1u;
     if (guard && repeat > 1) {
+        const std::size_t length = std::min<std::size_t>(text.size() * repeat, limit + kBeyondBound);
         std::string stream;
-        stream.reserve(text.size() * repeat);
-        for (unsigned int i = 0; i < repeat; ++i)
-            stream += text;
+        stream.reserve(length);
+        while (stream.size() < length)
+            stream.append(text, 0, length - stream.size());
         std::vector<unsigned int> scaled;
         for (unsigned int piece : pieces)
             scaled.push_back(piece * repeat);
