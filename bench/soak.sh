@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Soak of hv-sip-responder under SIPp: its maximum rate is measured first
 # (PROBE_SECONDS of unlimited rate with CONCURRENCY calls in flight, per
-# transport), then SIPp drives it at half that rate for MINUTES, in segments
-# of SEGMENT_SECONDS that alternate UDP and TCP, while the responder's VmRSS,
-# open descriptors and threads are sampled every SAMPLE_SECONDS. At the end
+# transport), then SIPp drives it at half that rate for MINUTES worth of
+# calls, in segments of SEGMENT_SECONDS worth that alternate UDP and TCP (a
+# segment lasts longer when SIPp falls behind the rate), while the
+# responder's VmRSS, open descriptors and threads are sampled every
+# SAMPLE_SECONDS. At the end
 # the responder gets SIGTERM and must exit 0 (its own check that every
 # allocation was given back); the samples go to a CSV and a PNG plot and
 # each goal gets a verdict line (tools/soak_report.py verdict):
